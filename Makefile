@@ -1,0 +1,56 @@
+# Everyday targets. The test target is what CI runs (.ci/run).
+JOBS    ?= 2
+CMAKE   ?= cmake
+GEN     := -G Ninja
+CTEST   := ctest --output-on-failure -j$(JOBS) --timeout 900
+
+.PHONY: all build test test-normal test-asan test-tsan test-fuzz demo bench format clean
+
+all: build
+
+build:
+	$(CMAKE) -S . -B build $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	$(CMAKE) --build build -j$(JOBS)
+
+# The whole suite: a normal build, ASan+UBSan, ThreadSanitizer, and short fuzz runs.
+test: test-normal test-asan test-tsan test-fuzz
+
+test-normal:
+	$(CMAKE) -S . -B build $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	$(CMAKE) --build build -j$(JOBS)
+	$(CTEST) --test-dir build
+
+test-asan:
+	$(CMAKE) -S . -B build-asan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DQX_SANITIZE=address
+	$(CMAKE) --build build-asan -j$(JOBS)
+	ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	  $(CTEST) --test-dir build-asan
+
+test-tsan:
+	$(CMAKE) -S . -B build-tsan $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQX_SANITIZE=thread
+	$(CMAKE) --build build-tsan -j$(JOBS)
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(CTEST) --test-dir build-tsan
+
+# Each libFuzzer target runs for FUZZ_SECONDS on its committed seed corpus.
+FUZZ_SECONDS ?= 20
+test-fuzz:
+	@if ls fuzz/*.cpp >/dev/null 2>&1; then \
+	  $(CMAKE) -S . -B build-fuzz $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DQX_FUZZ=ON && \
+	  $(CMAKE) --build build-fuzz -j$(JOBS) && \
+	  FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/run-fuzzers.sh build-fuzz/bin; \
+	else echo "no fuzz targets"; fi
+
+demo: build
+	@scripts/demo.sh build/bin
+
+bench:
+	$(CMAKE) -S . -B build-bench $(GEN) -DCMAKE_BUILD_TYPE=Release
+	$(CMAKE) --build build-bench -j$(JOBS)
+	@scripts/run-benchmarks.sh build-bench/bin
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h' '*.c')
+
+clean:
+	rm -rf build build-asan build-tsan build-fuzz build-bench
