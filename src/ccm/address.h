@@ -1,0 +1,51 @@
+// Address resolution: host names and IPv4/IPv6 literals (brackets allowed) to one socket
+// address chosen by a fixed preference, socket addresses back to text, bracketed IPv6 text, and
+// whether the host can open IPv6 sockets.
+//
+// Ownership: no state; callers own every area passed in.
+//
+// Threads: every operation may be called from any thread.
+#ifndef QX_CCM_ADDRESS_H_
+#define QX_CCM_ADDRESS_H_
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "ccm/context.h"
+
+// Preference options of ccm_hostname2address.
+inline constexpr int CCM_PREFER_IPV6 = 1;
+inline constexpr int CCM_PREFER_IPV4 = 2;
+
+inline constexpr int CCM_HOSTNAME_SIZE = 256;  // names must be shorter than this
+inline constexpr int CCM_ADDRSTR_SIZE = 64;    // address texts kept in records
+inline constexpr int CCM_MSGNR_ALL_IP = 2000066;
+
+// Resolves `phostname` into `addr` (port left 0). 0, or -1 with `addr` all zero and `ccmerr`
+// filled when the resolver fails (an empty answer list leaves `ccmerr` cleared).
+int ccm_hostname2address(const char* phostname, int options, struct sockaddr_in6* addr,
+                         ccm_error_t* ccmerr);
+
+// The choice among resolver answers: the first usable answer of a preferred family, else the
+// first usable answer, else the first answer. Loopback and link-local answers are unusable.
+// Null for an empty list.
+const struct addrinfo* ccm_address_choose(const struct addrinfo* answers, int options);
+
+// Writes the numeric text of `addr` (no brackets, no port) into `dst` of `size` bytes.
+// 0, or -1 with `dst` empty.
+int ccm_address2string(struct sockaddr_in6* addr, char* dst, socklen_t size);
+
+// `in` itself when it holds no ':' or begins with '['; else `out` (256 bytes) holding "[in]".
+char* ccm_addressformatted(char* in, char* out);
+
+// 0 when an IPv6 socket can be made; -1 with `ccmerr` filled when not.
+int ccm_check_ipv6_support(ccm_error_t* ccmerr);
+
+// This host's address text (64 bytes) in `out`; 0 or -1.
+int ccm_getmyIP(int options, char* out, ccm_error_t* ccmerr);
+
+// Logs every address of `hostname` (message 2000066); 0 or -1.
+int ccm_log_all_ip(const char* hostname, ccm_error_t* ccmerr);
+
+#endif  // QX_CCM_ADDRESS_H_

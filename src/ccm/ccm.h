@@ -1,0 +1,13 @@
+// The connection manager for applications: one include for the context, messages, channels,
+// outgoing connections, address resolution and internal messages.
+#ifndef QX_CCM_CCM_H_
+#define QX_CCM_CCM_H_
+
+#include "ccm/address.h"
+#include "ccm/channel.h"
+#include "ccm/connect.h"
+#include "ccm/context.h"
+#include "ccm/ipc.h"
+#include "ccm/message.h"
+
+#endif  // QX_CCM_CCM_H_
