@@ -1,0 +1,247 @@
+#include "ccm/receive.h"
+
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "common/strutil.h"
+#include "common/trace_log.h"
+
+namespace {
+
+constexpr char kAddrEyec[] = "#CCMADDR";
+
+class QueueLock {
+ public:
+  explicit QueueLock(ccm_context_t* ccm) : ccm_(ccm) { ccm_queue_lock(ccm_); }
+  ~QueueLock() { ccm_queue_unlock(ccm_); }
+  QueueLock(const QueueLock&) = delete;
+  QueueLock& operator=(const QueueLock&) = delete;
+
+ private:
+  ccm_context_t* ccm_;
+};
+
+class ChannelLock {
+ public:
+  explicit ChannelLock(ccm_context_t* ccm) : ccm_(ccm) { ccm_channel_lock(ccm_); }
+  ~ChannelLock() { ccm_channel_unlock(ccm_); }
+  ChannelLock(const ChannelLock&) = delete;
+  ChannelLock& operator=(const ChannelLock&) = delete;
+
+ private:
+  ccm_context_t* ccm_;
+};
+
+bool is_deleted(ccm_channel_t* ch) {
+  return (std::atomic_ref<int>(ch->flag).load() & CCM_CHFLAG_DELETED) != 0;
+}
+
+// Takes the head of `recvq`. The tail is left as it is: appenders look at the head first.
+ccm_msg_t* take_head(ccm_context_t* ccm) {
+  QueueLock lock(ccm);
+  ccm_msg_t* m = ccm->recvq.head;
+  if (m != nullptr) {
+    ccm->recvq.head = m->nxt;
+    m->nxt = nullptr;
+  }
+  return m;
+}
+
+// Live channels of `channelq` whose type `counts`, under the channel lock.
+template <typename Pred>
+int count_channels(ccm_context_t* ccm, Pred counts) {
+  ChannelLock lock(ccm);
+  int n = 0;
+  for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
+    if (!is_deleted(ch) && counts(ch->type)) ++n;
+  }
+  return n;
+}
+
+// Copies one 64-byte text field into another, bounded even if the source lacks its
+// terminator.
+void copy_field(char (&dst)[64], const char (&src)[64]) {
+  const size_t n = strnlen(src, sizeof src - 1);
+  std::memmove(dst, src, n);
+  dst[n] = '\0';
+}
+
+void set_eyec(ccm_addr_t* a) {
+  std::memcpy(a->eyec, kAddrEyec, sizeof a->eyec);
+}
+
+}  // namespace
+
+int ccm_receive_message(ccm_context_t* ccm, int stimeout, ccm_msg_t** ccmmsg, ccm_error_t* ccmerr) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
+  *ccmmsg = nullptr;
+  ccm_msg_t* m = take_head(ccm);
+  if (m == nullptr) {
+    if (ccm_wait_processor(ccm, stimeout, ccmerr) != 0) {
+      QX_TRACE("%s <-- (waiting condition error)", __func__);
+      return -1;
+    }
+    m = take_head(ccm);
+    if (m == nullptr) {
+      QX_TRACE("%s <-- (empty queue)", __func__);
+      return 0;
+    }
+  }
+  *ccmmsg = m;
+  QX_TRACE("%s <-- (OK(ccmmsg=%p))", __func__, (void*)m);
+  return 1;
+}
+
+int ccm_wait_processor(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
+  const int fd = ccm->processor_wakeup[0];
+  int rslt;
+  if (fd < 0 || fd >= FD_SETSIZE) {
+    // A pipe that is not open (or beyond what select can watch) cannot be waited on.
+    errno = EBADF;
+    rslt = -1;
+  } else {
+    fd_set rset;
+    FD_ZERO(&rset);
+    FD_SET(fd, &rset);
+    timeval tv{stimeout > 0 ? stimeout : 0, 0};
+    rslt = select(fd + 1, &rset, nullptr, nullptr, &tv);
+  }
+  if (rslt == 0) {
+    QX_TRACE("%s <-- (timeout)", __func__);
+    return 0;
+  }
+  if (rslt < 0) {
+    const int err = errno;
+    if (err == EINTR) {
+      QX_TRACE("%s <-- (interrupt by system call)", __func__);
+      return 0;
+    }
+    if (ccmerr != nullptr) {
+      ccmerr->msgnr = CCM_MSGNR_SYSCALL;
+      snprintf(ccmerr->msginsert, sizeof ccmerr->msginsert, "select(processor_wakeup(%d))|%d-%s",
+               fd, err, strerror(err));
+    }
+    QX_TRACE("%s <-- (select error: %d-%s)", __func__, err, strerror(err));
+    return -1;
+  }
+  char byte;
+  if (read(fd, &byte, 1) < 0) {
+    // Nothing to do: a lost wake-up byte costs at most one early return of a later wait.
+  }
+  QX_TRACE("%s <-- (OK)", __func__);
+  return 0;
+}
+
+ccm_addr_t* ccm_setaddr(ccm_msg_t* ccmmsg, int ID, int /*reply_ID*/, const char* addr,
+                        const char* name, int acv) {
+  QX_TRACE("%s(ID=%d,addr=%s,name=%s,acv=%.8X) -->", __func__, ID, addr ? addr : "",
+           name ? name : "", (unsigned)acv);
+  ccm_addr_t* a = &ccmmsg->addr;
+  set_eyec(a);
+  a->dst_ID = ID;
+  a->dst_acv = acv;
+  StringCopy(a->dst_addr, sizeof a->dst_addr, addr);
+  StringCopy(a->dst_name, sizeof a->dst_name, name);
+  QX_TRACE("%s <-- (ccma=%p)", __func__, (void*)a);
+  return a;
+}
+
+ccm_addr_t* ccm_setback(ccm_msg_t* ccmmsg, const char* addr, const char* name, int acv) {
+  QX_TRACE("%s(addr=%s,name=%s,acv=%.8X) -->", __func__, addr ? addr : "", name ? name : "",
+           (unsigned)acv);
+  ccm_addr_t* a = &ccmmsg->addr;
+  set_eyec(a);
+  a->src_acv = acv;
+  StringCopy(a->src_addr, sizeof a->src_addr, addr);
+  StringCopy(a->src_name, sizeof a->src_name, name);
+  QX_TRACE("%s <-- (ccma=%p)", __func__, (void*)a);
+  return a;
+}
+
+ccm_addr_t* ccm_setaddr_reply(ccm_msg_t* ccmd, ccm_msg_t* ccms) {
+  const ccm_addr_t& s = ccms->addr;
+  QX_TRACE(
+      "%s(msg(%p,msgID=%u,addr=%p,len=%d,pos=%d,flag=%.8X),addr(src=(ID=%d,addr=%s,name=%s,"
+      "acv=%.8X),dst=(ID=%d,addr=%s,name=%s,acv=%.8X))) -->",
+      __func__, (void*)ccms, (unsigned)ccms->ID, (void*)ccms->msg_start, ccms->len, ccms->pos,
+      (unsigned)ccms->flag, s.src_ID, s.src_addr, s.src_name, (unsigned)s.src_acv, s.dst_ID,
+      s.dst_addr, s.dst_name, (unsigned)s.dst_acv);
+  ccm_addr_t* d = &ccmd->addr;
+  set_eyec(d);
+  d->dst_ID = s.src_ID;
+  d->dst_acv = s.src_acv;
+  copy_field(d->dst_addr, s.src_addr);
+  copy_field(d->dst_name, s.src_name);
+  QX_TRACE("%s <-- (OK)", __func__);
+  return d;
+}
+
+int ccm_get_nof_server_connections(ccm_context_t* ccm) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
+  const int n =
+      count_channels(ccm, [](int t) { return t == CCM_CHTYPE_SERVER || t == CCM_CHTYPE_CP; });
+  QX_TRACE("%s <-- (nof server connections=%d)", __func__, n);
+  return n;
+}
+
+int ccm_get_nof_connections(ccm_context_t* ccm) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
+  const int n = count_channels(ccm, [](int t) {
+    return t == CCM_CHTYPE_LISTEN || t == CCM_CHTYPE_SERVER || t == CCM_CHTYPE_CP;
+  });
+  QX_TRACE("%s <-- (nof connections=%d)", __func__, n);
+  return n;
+}
+
+int ccm_get_nof_agent_connections(ccm_context_t* ccm) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
+  const int n = count_channels(ccm, [](int t) { return t == CCM_CHTYPE_AGENT; });
+  QX_TRACE("%s <-- (nof agent connections=%d)", __func__, n);
+  return n;
+}
+
+int ccm_get_nof_channels(ccm_context_t* ccm) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
+  const int n = count_channels(ccm, [](int t) { return t != CCM_CHTYPE_NOSOCKET; });
+  QX_TRACE("%s <-- (nof channels=%d)", __func__, n);
+  return n;
+}
+
+int ccm_get_sendq_count(ccm_context_t* ccm) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
+  int n = 0;
+  {
+    QueueLock lock(ccm);
+    for (ccm_msg_t* m = ccm->sendq.head; m != nullptr; m = m->nxt)
+      ++n;
+  }
+  QX_TRACE("%s <-- (nof msgs=%d)", __func__, n);
+  return n;
+}
+
+int ccm_is_all_sendq_empty(ccm_context_t* ccm) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
+  int empty = 1;
+  {
+    QueueLock lock(ccm);
+    if (ccm->sendq.head != nullptr) empty = 0;
+  }
+  if (empty) {
+    // Each channel's queue is looked at under its own lock, taken inside the channel lock:
+    // the one order in which two of these locks may be held.
+    ChannelLock lock(ccm);
+    for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr && empty; ch = ch->nxt) {
+      if (is_deleted(ch) || ch->type == CCM_CHTYPE_SILENT) continue;
+      ccmch_queue_lock(ccm, ch);
+      if (ch->sendq.head != nullptr) empty = 0;
+      ccmch_queue_unlock(ccm, ch);
+    }
+  }
+  QX_TRACE("%s <-- (empty=%d)", __func__, empty);
+  return empty;
+}
