@@ -325,6 +325,7 @@ int ccm_check_msg_length(const unsigned char* buffer) {
 
 int ccm_get_valid_msg_length(ccm_context_t* /*ccm*/, ccm_channel_t* ccmch,
                              const unsigned char* buffer, ccm_error_t* ccmerr) {
+  trace_channel_entry(__func__, ccmch);
   const int length = ccm_check_msg_length(buffer);
   if (length < 0) {
     QX_TRACE("%s <-- (invalid frame length '%.8s')", __func__, (const char*)buffer);

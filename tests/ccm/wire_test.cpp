@@ -100,32 +100,6 @@ TEST_F(WireTest, InvalidLengthIsRecordedOnTheChannel) {
   EXPECT_EQ(ccm_get_msg_length(ccm_, &ch_, junk), 0u);
 }
 
-TEST(EntryExtraction, EachFormReportsItsTotalSizeAndMovesItsData) {
-  struct Case {
-    Bytes entry;
-    int keylen;
-    int size;
-  } cases[] = {
-      {"\x04\x03"
-       "abc",
-       1, 5},
-      {Bytes("\x3B") + u16(3) + "abc", 2, 6},
-      {Bytes("\xFF") + u32(3) + "abc", 4, 8},
-      {"A0000003abc", 7, 11},
-  };
-  for (const Case& c : cases) {
-    // Move the data onto the entry itself, as the parser does.
-    Bytes area = c.entry;
-    auto* p = reinterpret_cast<unsigned char*>(area.data());
-    EXPECT_EQ(extract_protocol_data(p, c.keylen, nullptr), c.size);
-    EXPECT_EQ(area, c.entry);
-    EXPECT_EQ(extract_protocol_data(p, c.keylen, p), c.size);
-    EXPECT_EQ(area.substr(0, 3), "abc") << c.keylen;
-  }
-  unsigned char any[8] = {};
-  EXPECT_EQ(extract_protocol_data(any, 3, nullptr), -1);
-}
-
 TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
   ccm_msg_t* m = ccm_msg_alloc(ccm_, &err_);
   msgs_.push_back(m);
@@ -182,17 +156,6 @@ TEST_F(WireTest, NatBodyCarriesTheAddressEntriesThatAreSet) {
     ASSERT_EQ(cmm_msg_write_sr_data(m), 0) << c.what;
     EXPECT_EQ(data(m), c.front + "\xFF" + u32(3) + "PAY" + c.back) << c.what;
   }
-}
-
-TEST_F(WireTest, NatBodyNeedsHeadRoom) {
-  ccm_msg_t* m = ccm_msg_alloc(ccm_, &err_);
-  msgs_.push_back(m);
-  ccm_setaddr(m, 0, 0, "", "JPAKTJ_R", 0);
-  m->msg_start = m->buffer1 + 10;
-  m->len = 3;
-  EXPECT_EQ(cmm_msg_write_sr_data(m), -1);
-  EXPECT_EQ(m->msg_start, m->buffer1 + 10);
-  EXPECT_EQ(m->len, 3);
 }
 
 TEST_F(WireTest, SentAddressesComeBackOnReceipt) {
