@@ -156,10 +156,10 @@ TEST_F(ReceiveTest, AddressingSetsOnlyItsOwnSide) {
 }
 
 TEST_F(ReceiveTest, CountsSkipDeletedChannels) {
-  struct Spec {
+  struct Kind {
     int type;
     int flag;
-  } specs[] = {{1, 0},
+  } kinds[] = {{1, 0},
                {3, 0},
                {4, 0},
                {6, 0},
@@ -168,15 +168,15 @@ TEST_F(ReceiveTest, CountsSkipDeletedChannels) {
                {3, CCM_CHFLAG_DELETED},
                {4, CCM_CHFLAG_DELETED},
                {-1, 0}};
-  ccm_channel_t channels[std::size(specs)] = {};
-  for (size_t i = 0; i < std::size(specs); ++i) {
-    channels[i].type = specs[i].type;
-    channels[i].flag = specs[i].flag;
+  ccm_channel_t channels[std::size(kinds)] = {};
+  for (size_t i = 0; i < std::size(kinds); ++i) {
+    channels[i].type = kinds[i].type;
+    channels[i].flag = kinds[i].flag;
     pthread_spin_init(&channels[i].queue_lock, PTHREAD_PROCESS_PRIVATE);
-    channels[i].nxt = i + 1 < std::size(specs) ? &channels[i + 1] : nullptr;
+    channels[i].nxt = i + 1 < std::size(kinds) ? &channels[i + 1] : nullptr;
   }
   ccm_->channelq.head = &channels[0];
-  ccm_->channelq.tail = &channels[std::size(specs) - 1];
+  ccm_->channelq.tail = &channels[std::size(kinds) - 1];
 
   EXPECT_EQ(ccm_get_nof_server_connections(ccm_), 2);
   EXPECT_EQ(ccm_get_nof_connections(ccm_), 3);
