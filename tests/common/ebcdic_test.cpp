@@ -1,6 +1,4 @@
 // ASCII/EBCDIC tables and user code tables.
-#include <string.h>
-
 #include <string>
 #include <vector>
 
@@ -10,41 +8,24 @@
 
 namespace {
 
-std::string Bytes(std::initializer_list<int> bytes) {
-  std::string s;
-  for (int b : bytes)
-    s += static_cast<char>(b);
-  return s;
-}
-
-TEST(Ebcdic, HostIsAscii) {
-  EXPECT_EQ(0, iIsEbcdic());
-}
-
 TEST(Ebcdic, TranslatesInPlaceBothWays) {
+  EXPECT_EQ(0, iIsEbcdic());
   struct Case {
     std::string ascii, ebcdic;
   };
-  const std::vector<Case> cases = {
-      {"A1[", Bytes({0xC1, 0xF1, 0xBB})},
-      {"az09 ", Bytes({0x81, 0xA9, 0xF0, 0xF9, 0x40})},
-      {"\\]^`{}~", Bytes({0xBC, 0xBD, 0x6A, 0x4A, 0xFB, 0xFD, 0xFF})},
-      {"|\n", Bytes({0x4F, 0x25})},
-  };
-  for (const Case& c : cases) {
+  for (const Case& c :
+       {Case{"A1[", "\xC1\xF1\xBB"}, Case{"az09 |\n", "\x81\xA9\xF0\xF9\x40\x4F\x25"},
+        Case{"\\]^`{}~", "\xBC\xBD\x6A\x4A\xFB\xFD\xFF"}}) {
     std::string text = c.ascii;
     ToEbcdic(text.data(), static_cast<int>(text.size()));
     EXPECT_EQ(c.ebcdic, text) << c.ascii;
     ToAscii(text.data(), static_cast<int>(text.size()));
     EXPECT_EQ(c.ascii, text) << c.ascii;
   }
-  std::string never_produced = "A";  // 0x41 is no image of a 7-bit byte
-  ToAscii(never_produced.data(), 1);
-  EXPECT_EQ(Bytes({0xFE}), never_produced);
-}
-
-TEST(Ebcdic, ZeroAndNegativeLengthsLeaveTextAlone) {
-  for (int length : {0, -1, -100}) {
+  char never_produced[] = "A";  // 0x41 is no image of a 7-bit byte
+  ToAscii(never_produced, 1);
+  EXPECT_STREQ("\xFE", never_produced);
+  for (int length : {0, -1}) {
     char text[] = "abc";
     ToEbcdic(text, length);
     ToAscii(text, length);
@@ -52,43 +33,24 @@ TEST(Ebcdic, ZeroAndNegativeLengthsLeaveTextAlone) {
   }
 }
 
-// Over all 256 bytes: 7-bit bytes come back but 0x13 (as 0x12) and 0x7F (as 0x07); 8-bit bytes
-// come back as 0x07, except Ä, Ö and Ü, which come back as "[", "\" and "]".
+// Over all 256 bytes: 7-bit bytes come back but 0x13 (as 0x12) and 0x7F (as 0x07); 8-bit
+// bytes come back as 0x07, except Ä, Ö and Ü, which come back as "[", "\" and "]". No two
+// 7-bit bytes share an EBCDIC byte, and an EBCDIC byte no 7-bit byte lands on gives 0xFE.
 TEST(Ebcdic, RoundTripOverAllBytes) {
+  std::vector<int> preimages(256, 0);
   for (int b = 0; b < 256; ++b) {
     char c = static_cast<char>(b);
     ToEbcdic(&c, 1);
+    if (b < 0x7F) ++preimages[static_cast<unsigned char>(c)];
     ToAscii(&c, 1);
-    int expected;
-    switch (b) {
-      case 0x13:
-        expected = 0x12;
-        break;
-      case 0x7F:
-        expected = 0x07;
-        break;
-      case 0xC4:
-        expected = '[';
-        break;
-      case 0xD6:
-        expected = '\\';
-        break;
-      case 0xDC:
-        expected = ']';
-        break;
-      default:
-        expected = b < 0x80 ? b : 0x07;
-    }
+    int expected = b < 0x80 ? b : 0x07;
+    if (b == 0x13) expected = 0x12;
+    if (b == 0x7F) expected = 0x07;
+    if (b == 0xC4) expected = '[';
+    if (b == 0xD6) expected = '\\';
+    if (b == 0xDC) expected = ']';
     EXPECT_EQ(expected, static_cast<unsigned char>(c)) << "byte 0x" << std::hex << b;
   }
-}
-
-// The 7-bit bytes land on distinct EBCDIC bytes, and only those and 0x07 map back to anything
-// but 0xFE.
-TEST(Ebcdic, ImagesOfSevenBitBytesAreDistinctAndAloneMapBack) {
-  std::vector<int> preimages(256, 0);
-  for (int b = 0; b < 0x7F; ++b)
-    ++preimages[ascii_to_ebcdic037[b]];
   for (int e = 0; e < 256; ++e) {
     EXPECT_LE(preimages[e], 1) << "EBCDIC 0x" << std::hex << e;
     if (preimages[e] == 0 && e != 0x07) {
@@ -97,58 +59,38 @@ TEST(Ebcdic, ImagesOfSevenBitBytesAreDistinctAndAloneMapBack) {
   }
 }
 
-std::vector<unsigned char> Description() {
-  std::vector<unsigned char> d(kCodeTabDescriptionSize, 0);
-  for (int i = 0; i < kCodeTabSize; ++i)
-    d[i] = static_cast<unsigned char>(255 - i);
-  return d;
-}
-
-TEST(SetCodeTab, ValidCodesKeptOthersGetSubstitute) {
+TEST(CodeTab, ValidCodesKeptOthersGetLowestSubstituteOrBlank) {
   struct Case {
-    const char* name;
-    std::vector<std::pair<int, unsigned char>> attributes;
-    std::vector<std::pair<int, unsigned char>> expected;  // entries to check
+    std::vector<std::pair<int, unsigned char>> attributes, expected;
   };
   const std::vector<Case> cases = {
-      {"no substitute: blank", {{'a', kCodeValid}}, {{'a', 255 - 'a'}, {'b', ' '}, {0, ' '}}},
-      {"lowest substitute wins",
-       {{5, kCodeSubstitute}, {9, kCodeSubstitute | kCodeValid}, {7, kCodeValid}},
+      {{{'a', kCodeValid}}, {{'a', 255 - 'a'}, {'b', ' '}}},
+      {{{5, kCodeSubstitute}, {9, kCodeSubstitute | kCodeValid}, {7, kCodeValid}},
        {{5, 250}, {6, 250}, {7, 248}, {9, 246}, {255, 250}}},
-      {"substitute bit alone does not make a code valid",
-       {{200, kCodeSubstitute}},
-       {{200, 55}, {0, 55}}},
   };
   for (const Case& c : cases) {
-    std::vector<unsigned char> d = Description();
+    std::vector<unsigned char> description(kCodeTabDescriptionSize, 0);
+    for (int i = 0; i < kCodeTabSize; ++i)
+      description[i] = static_cast<unsigned char>(255 - i);
     for (auto [i, a] : c.attributes)
-      d[kCodeTabSize + i] = a;
+      description[kCodeTabSize + i] = a;
     unsigned char table[kCodeTabSize];
-    SetCodeTab(table, d.data());
+    SetCodeTab(table, description.data());
     for (auto [i, v] : c.expected)
-      EXPECT_EQ(v, table[i]) << c.name << ", entry " << i;
+      EXPECT_EQ(v, table[i]) << "entry " << i;
   }
-}
 
-TEST(AreaConv, ConvertsIntoOtherOrSameArea) {
   unsigned char upper[kCodeTabSize];
-  for (int i = 0; i < kCodeTabSize; ++i) {
-    upper[i] = static_cast<unsigned char>(i >= 'a' && i <= 'z' ? i - 32 : i);
-  }
-  const char in[4] = {'a', 'B', '\xE4', 'z'};  // exactly four readable bytes
-  char out[4];
-  EXPECT_EQ(4, AreaConv(out, in, 4, upper));
-  EXPECT_EQ(std::string("AB\xE4Z", 4), std::string(out, 4));
-
+  for (int i = 0; i < kCodeTabSize; ++i)
+    upper[i] = static_cast<unsigned char>(toupper(i));
+  const char in[3] = {'a', '\xE4', 'z'};  // exactly three readable bytes
+  char out[3];
+  EXPECT_EQ(3, AreaConv(out, in, 3, upper));
+  EXPECT_EQ("A\xE4Z", std::string(out, 3));
   char same[] = "mixed Text";
   EXPECT_EQ(10, AreaConv(same, same, 10, upper));
   EXPECT_STREQ("MIXED TEXT", same);
-
-  for (int length : {0, -3}) {
-    char untouched[] = "abc";
-    EXPECT_EQ(0, AreaConv(untouched, untouched, length, upper));
-    EXPECT_STREQ("abc", untouched);
-  }
+  EXPECT_EQ(0, AreaConv(same, same, -3, upper));
 }
 
 }  // namespace
