@@ -2,8 +2,9 @@
 // options that connecting and accepting set, and whether a connection to a server is under way.
 //
 // Ownership: on success the new channel is entered and belongs to the context (the network
-// thread watches it from its next cycle on); a connect user context passed in belongs to the
-// channel from the call on, also when the call fails after the channel was made.
+// thread watches it from its next cycle on). A connect user context passed in (allocated with
+// malloc or calloc) belongs to the connection manager from the call on: the channel frees it
+// when it is destroyed, and a call that fails frees it at once.
 //
 // Threads: `ccm_connect` and `ccm_is_cp_connecting` may be called from any thread; the option
 // operations by whoever owns the channel's socket at that moment.

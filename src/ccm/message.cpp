@@ -1,0 +1,144 @@
+// Message allocation and the free pool of standard-size messages.
+#include "ccm/message.h"
+
+#include <cstring>
+
+#include "ccm/channel.h"
+#include "ccm/internal.h"
+#include "common/trace_log.h"
+
+// The message line of the traces.
+#define QX_MSG_FMT "msg(%p,msgID=%lu,addr=%p,len=%d,pos=%d,flag=%.8X)"
+#define QX_MSG_ARGS(m)                                                                    \
+  static_cast<void*>(m), (m)->ID, static_cast<void*>((m)->msg_start), (m)->len, (m)->pos, \
+      static_cast<unsigned>((m)->flag)
+
+ccm_msg_t* ccm_msg_alloc(ccm_context_t* ccm, ccm_error_t* ccmerr) {
+  return ccm_msg_alloc_huge(ccm, CCM_MSG_POOL_SIZE, ccmerr);
+}
+
+ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* ccmerr) {
+  QX_TRACE("%s(size=%d) -->", __func__, size);
+  // The data area must hold the head room; 2 * size must not overflow an int.
+  if (size < CCM_MSG_HEADROOM || size > (1 << 29)) {
+    ccm_set_error(ccmerr, CCM_MSGNR_ALLOC, "%s/%s(%d)|size=%d", "CCMMSG", __FILE__, __LINE__, size);
+    QX_TRACE("%s <-- (invalid size)", __func__);
+    return nullptr;
+  }
+  ccm_msg_t* msg = nullptr;
+  {
+    ccm_spin_guard guard(ccm->queue_lock);
+    if (size == CCM_MSG_POOL_SIZE) {
+      msg = ccm_queue_pop(ccm->msg_freeq);
+      if (msg != nullptr) ccm->nof_freemsg--;
+    }
+    if (msg == nullptr) {
+      size_t total = sizeof(ccm_msg_t) + 2 * static_cast<size_t>(size);
+      msg = static_cast<ccm_msg_t*>(ccm_alloc(total, "CCMMSG"));
+      if (msg == nullptr) {
+        ccm_set_alloc_error(ccmerr, "CCMMSG", __FILE__, __LINE__);
+        QX_TRACE("%s <-- (malloc error, message queue)", __func__);
+        return nullptr;
+      }
+    }
+    // Clear the record only: a reused pool message keeps its old data bytes.
+    std::memset(static_cast<void*>(msg), 0, sizeof(ccm_msg_t));
+    std::memcpy(msg->eyec, "##CCM#MESSAGE###", sizeof msg->eyec);
+    msg->ID = static_cast<unsigned long>(ccm->unique_msg_ID++);
+    msg->size = size;
+    msg->buffer1 = msg->buffer;
+    msg->buffer2 = msg->buffer1 + size;
+    msg->msg_start = msg->buffer1 + CCM_MSG_HEADROOM;
+    ccm_queue_push(ccm->msgq_inuse, msg);
+  }
+  QX_TRACE("%s <-- (" QX_MSG_FMT ")", __func__, QX_MSG_ARGS(msg));
+  return msg;
+}
+
+int ccm_msg_free(ccm_context_t* ccm, ccm_msg_t* ccmmsg) {
+  QX_TRACE("%s(" QX_MSG_FMT ") -->", __func__, QX_MSG_ARGS(ccmmsg));
+  const char* how = nullptr;
+  {
+    ccm_spin_guard guard(ccm->queue_lock);
+    ccm_queue_unlink(ccm->msgq_inuse, ccmmsg);  // a received message stands in no queue
+    ccmmsg->nxt = nullptr;
+    if (ccmmsg->size != CCM_MSG_POOL_SIZE) {
+      ccm_free(ccmmsg);
+      how = "huge message is freed";
+    } else if (ccm->nof_freemsg >= CCM_MSG_POOL_MAX) {
+      ccm_free(ccmmsg);
+      how = "normal message freed";
+    } else {
+      ccm_queue_push(ccm->msg_freeq, ccmmsg);
+      ccm->nof_freemsg++;
+      how = "put back to freeq";
+    }
+  }
+  QX_TRACE("%s <-- (%s)", __func__, how);
+  return 0;
+}
+
+namespace {
+
+void free_all(ccm_context_t* ccm, ccm_msg_queue_t& q) {
+  ccm_msg_t* next = nullptr;
+  for (ccm_msg_t* m = q.head; m != nullptr; m = next) {
+    next = m->nxt;
+    ccm_msg_free(ccm, m);
+  }
+  q.head = q.tail = nullptr;
+}
+
+}  // namespace
+
+int ccm_channel_emptying_msg_queue(ccm_context_t* ccm, ccm_channel_t* ccmch) {
+  QX_TRACE("%s(channel=%p) -->", __func__, static_cast<void*>(ccmch));
+  free_all(ccm, ccmch->sendq);
+  free_all(ccm, ccmch->recvq);
+  QX_TRACE("%s <-- (OK)", __func__);
+  return 0;
+}
+
+int ccm_msg_emptying_queues(ccm_context_t* ccm) {
+  QX_TRACE("%s() -->", __func__);
+  QX_TRACE("%s:      empty global RECV queue", __func__);
+  // Detach each list under the lock, then free its messages one by one.
+  ccm_msg_queue_t recvq{}, dispatch{};
+  {
+    ccm_spin_guard guard(ccm->queue_lock);
+    recvq = ccm->recvq;
+    dispatch = ccm->msgq_2dispatch;
+    ccm->recvq = {};
+    ccm->msgq_2dispatch = {};
+  }
+  free_all(ccm, recvq);
+  for (;;) {
+    ccm_msg_t* m = nullptr;
+    {
+      ccm_spin_guard guard(ccm->queue_lock);
+      m = ccm->msgq_inuse.head;
+    }
+    if (m == nullptr) break;
+    ccm_msg_free(ccm, m);
+  }
+  free_all(ccm, dispatch);
+  for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
+    QX_TRACE("%s:      empty RECV/SENDQ queue of channel(%p,s=%d/chID=%d,%s,flag=%.8X)", __func__,
+             static_cast<void*>(ch), ch->s, ch->ID, ch->name,
+             static_cast<unsigned>(ccm_flag_get(ch->flag)));
+    if (ccm_flag_get(ch->flag) & CCM_CHFLAG_DELETED) continue;
+    ccm_msg_queue_t sendq{}, chrecvq{};
+    {
+      ccm_spin_guard guard(ch->queue_lock);
+      ch->recv_pos = 0;
+      sendq = ch->sendq;
+      chrecvq = ch->recvq;
+      ch->sendq = {};
+      ch->recvq = {};
+    }
+    free_all(ccm, sendq);
+    free_all(ccm, chrecvq);
+  }
+  QX_TRACE("%s <-- (OK)", __func__);
+  return 0;
+}
