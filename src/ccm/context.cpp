@@ -193,6 +193,7 @@ int ccm_create_wakeup_pipes(ccm_context_t* ccm, ccm_error_t* ccmerr) {
            ccm->network_wakeup[1]);
   QX_TRACE("%s:      processor wakeup FDs=%d,%d", __func__, ccm->processor_wakeup[0],
            ccm->processor_wakeup[1]);
+  QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }
 

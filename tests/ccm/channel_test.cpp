@@ -109,19 +109,6 @@ TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
   EXPECT_FALSE(channel_lock_held(ccm_));
 }
 
-TEST_F(ChannelTest, DeleteByIdOrNameMarksAndToleratesUnknown) {
-  ccm_channel_t* a = entered_channel();
-  ccm_channel_t* b = entered_channel();
-  EXPECT_EQ(ccm_channel_deletebyID(ccm_, 77), 0);
-  EXPECT_EQ(ccm_channel_deletebyName(ccm_, "*ID77"), 0);
-  EXPECT_EQ(ccm_->flag & CCM_FLAG_CHANNEL_DELETED, 0);
-  EXPECT_EQ(ccm_channel_deletebyID(ccm_, a->ID), 0);
-  EXPECT_EQ(ccm_channel_deletebyName(ccm_, b->name), 0);
-  EXPECT_NE(a->flag & CCM_CHFLAG_DELETED, 0);
-  EXPECT_NE(b->flag & CCM_CHFLAG_DELETED, 0);
-  EXPECT_FALSE(channel_lock_held(ccm_));
-}
-
 TEST_F(ChannelTest, DestroyDeletedKeepsSurvivorsInOrderAndCounts) {
   std::vector<ccm_channel_t*> chs;
   for (int i = 0; i < 6; ++i)
@@ -202,18 +189,6 @@ TEST_F(ChannelTest, DestroyWithoutAMessageSendsNoNoticeButReleasesEverything) {
   }
   EXPECT_EQ(ccm_->recvq.head, nullptr);
   EXPECT_EQ(close(fd), -1);  // the socket went with the channel
-}
-
-TEST_F(ChannelTest, CloseAllDestroysActiveChannelsOnly) {
-  entered_channel();
-  entered_channel(255);
-  merge_newq();
-  ccm_channel_t* waiting = entered_channel();
-  EXPECT_EQ(ccm_channel_closeall(ccm_), 0);
-  EXPECT_EQ(ccm_->channelq.head, nullptr);
-  EXPECT_EQ(members(ccm_->channel_newq), std::vector<ccm_channel_t*>{waiting});
-  EXPECT_EQ(drain_recvq().size(), 1u);
-  EXPECT_EQ(ccm_channel_closeall(nullptr), 0);
 }
 
 TEST_F(ChannelTest, BindAddressInquiry) {

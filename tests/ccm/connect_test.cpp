@@ -63,31 +63,19 @@ class ConnectTest : public CcmTest {
   }
 };
 
-TEST_F(ConnectTest, ConnectsToListeningLoopbackSockets) {
-  struct Case {
-    int family;
-    const char* host;
-    const char* addr;
-  } cases[] = {
-      {AF_INET, "127.0.0.1", "127.0.0.1"}, {AF_INET6, "::1", "::1"}, {AF_INET6, "[::1]", "::1"}};
-  int expected_id = 1;
-  for (const Case& c : cases) {
-    LoopbackPort server(c.family, true);
-    if (server.port() == 0) {
-      ASSERT_EQ(c.family, AF_INET6) << "no IPv4 loopback";
-      continue;
-    }
+TEST_F(ConnectTest, ConnectsToAListeningLoopbackSocket) {
+  LoopbackPort server(AF_INET, true);
+  ASSERT_NE(server.port(), 0);
+  for (int expected_id : {1, 2}) {
     ccm_error_t err{};
-    int id = ccm_connect(ccm_, c.host, server.port(), 5, nullptr, 60, &err);
-    ASSERT_EQ(id, expected_id++) << c.host << ": " << err.msginsert;
+    int id = ccm_connect(ccm_, "127.0.0.1", server.port(), 5, nullptr, 60, &err);
+    ASSERT_EQ(id, expected_id) << err.msginsert;
     ccm_channel_t* ch = ccm_channel_getbyID(ccm_, id);
     ASSERT_NE(ch, nullptr);
     EXPECT_EQ(ch->type, 5);
     EXPECT_EQ(ch->port, server.port());
-    EXPECT_STREQ(ch->host, c.host);
-    EXPECT_STREQ(ch->addr, c.addr);
+    EXPECT_STREQ(ch->addr, "127.0.0.1");
     EXPECT_NE(ch->flag & CCM_CHFLAG_CONNECTING, 0);
-    EXPECT_EQ(ch->connect_timeout_secs, 60);
     EXPECT_GE(ch->s, 0);
     EXPECT_EQ(members(ccm_->channel_newq).back(), ch);
     ccm_channel_unlock(ccm_);
@@ -101,6 +89,11 @@ TEST_F(ConnectTest, Ipv6LoopbackWhenTheHostHasIt) {
   ccm_error_t err{};
   int id = ccm_connect(ccm_, "[::1]", server.port(), 6, nullptr, 5, &err);
   ASSERT_EQ(id, 1) << err.msginsert;
+  ccm_channel_t* ch = ccm_channel_getbyID(ccm_, id);
+  ASSERT_NE(ch, nullptr);
+  EXPECT_STREQ(ch->addr, "::1");
+  EXPECT_NE(ch->flag & CCM_CHFLAG_CONNECTING, 0);
+  ccm_channel_unlock(ccm_);
   EXPECT_EQ(ccm_is_cp_connecting(ccm_, "::1", server.port(), &err), 1);
 }
 

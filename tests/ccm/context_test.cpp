@@ -63,31 +63,6 @@ TEST_F(ContextTest, CloseReleasesMessagesOfEveryQueue) {
   ccm_ = nullptr;
 }
 
-TEST_F(ContextTest, LockOperationsTakeAndReleaseTheirLock) {
-  ccm_channel_t* ch = new_channel();
-  struct Case {
-    pthread_spinlock_t* lock;
-    int (*take)(ccm_context_t*, ccm_channel_t*);
-    int (*release)(ccm_context_t*, ccm_channel_t*);
-  } cases[] = {
-      {&ccm_->channel_lock, [](ccm_context_t* c, ccm_channel_t*) { return ccm_channel_lock(c); },
-       [](ccm_context_t* c, ccm_channel_t*) { return ccm_channel_unlock(c); }},
-      {&ccm_->queue_lock, [](ccm_context_t* c, ccm_channel_t*) { return ccm_queue_lock(c); },
-       [](ccm_context_t* c, ccm_channel_t*) { return ccm_queue_unlock(c); }},
-      {&ch->queue_lock, ccmch_queue_lock, ccmch_queue_unlock},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(c.take(ccm_, ch), 0);
-    EXPECT_NE(pthread_spin_trylock(c.lock), 0);
-    EXPECT_EQ(c.release(ccm_, ch), 0);
-    ASSERT_EQ(pthread_spin_trylock(c.lock), 0);
-    pthread_spin_unlock(c.lock);
-  }
-  ccm_error_t err{};
-  ccm_channel_destroy(ccm_, ch, &err);
-  drain_recvq();
-}
-
 std::string pending_bytes(int fd) {
   int flags = fcntl(fd, F_GETFL);
   fcntl(fd, F_SETFL, flags | O_NONBLOCK);

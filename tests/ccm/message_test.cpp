@@ -130,14 +130,6 @@ TEST_F(MessageTest, AllocationFailureChangesNoQueue) {
   }
 }
 
-TEST_F(MessageTest, SizeTooSmallForTheHeadRoomIsRefused) {
-  ccm_error_t err{};
-  for (int size : {-1, 0, 100}) {
-    EXPECT_EQ(ccm_msg_alloc_huge(ccm_, size, &err), nullptr) << size;
-    EXPECT_EQ(err.msgnr, 3301);
-  }
-}
-
 TEST_F(MessageTest, EmptyingQueuesFreesContextAndLiveChannelQueues) {
   ccm_error_t err{};
   auto queued = [&](ccm_msg_queue_t& q) {
