@@ -27,6 +27,10 @@
 
 #include <cstdint>
 
+// The key of the passwords inside the commands that the job messenger runs (`CMD`), and of
+// the values that qx_scramble makes for them by default.
+constexpr char kCommandPasswordKey[] = "Rk4Wm#2t";
+
 // Longest key text that the key area holds.
 constexpr int kScrambleKeyMax = 11;
 
