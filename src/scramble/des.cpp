@@ -68,7 +68,7 @@ constexpr uint8_t p32i[32] = {16, 7, 20, 21, 29, 12, 28, 17, 1,  15, 23, 26, 5, 
 constexpr uint8_t bytebit[8] = {0x80, 0x40, 0x20, 0x10, 0x08, 0x04, 0x02, 0x01};
 constexpr uint8_t nibblebit[4] = {0x8, 0x4, 0x2, 0x1};
 
-// Tables built by desinit for the current key.
+// Tables built by desinit: the permutations and S-boxes once, the round keys for each key.
 alignas(64) uint8_t iperm[16][16][8];  // IP, per half-byte position and value
 alignas(64) uint8_t fperm[16][16][8];  // final permutation, the same way
 alignas(64) uint8_t s[4][4096];        // S(2i+1) in the upper, S(2i+2) in the lower half-byte
@@ -180,9 +180,11 @@ inline void permute(const uint8_t* inblock, const Perm& perm, uint8_t* outblock)
 // The expansion E: 32 bits to eight 6-bit groups, group k being bits 4k to 4k + 5 of the
 // input (bit 0 meaning bit 32, bit 33 meaning bit 1), as a 48-bit number.
 inline uint64_t expand(uint32_t r) {
+  // 34 bits: bit 32, bits 1 to 32, bit 1; group k starts at its bit 4k.
+  const uint64_t ext = (uint64_t{r & 1} << 33) | (uint64_t{r} << 1) | (r >> 31);
   uint64_t e = 0;
   for (int k = 0; k < 8; ++k)
-    e = (e << 6) | (std::rotl(r, 5 + 4 * k) & 0x3f);
+    e = (e << 6) | ((ext >> (28 - 4 * k)) & 0x3f);
   return e;
 }
 
@@ -228,11 +230,17 @@ void crypt_block(const char* inblock, char* outblock) {
 }  // namespace
 
 void desinit(const char* key) {
-  perminit(iperm, ip);
-  perminit(fperm, fp);
+  // The permutation and S-box tables do not depend on the key: they are built by the first
+  // call only, and a key change rebuilds the round keys.
+  static bool tables_built = false;
+  if (!tables_built) {
+    perminit(iperm, ip);
+    perminit(fperm, fp);
+    sinit();
+    p32init();
+    tables_built = true;
+  }
   kinit(reinterpret_cast<const uint8_t*>(key));
-  sinit();
-  p32init();
 }
 
 void endes(const char* inblock, char* outblock) {

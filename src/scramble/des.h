@@ -1,9 +1,10 @@
 // DES block cipher (FIPS PUB 46): enciphers and deciphers single 8-byte blocks under an
 // 8-byte key, each block by itself (electronic code book).
 //
-// `desinit` turns a key into tables (about 24 KB: the initial and final permutations per
+// Blocks are enciphered through tables (about 24 KB: the initial and final permutations per
 // half-byte, the 16 round keys, the S-boxes in pairs with 12-bit indexes, and the P
-// permutation per byte), so that a block costs only table look-ups and no bit loops.
+// permutation per byte), so that a block costs only table look-ups and no bit loops. The
+// first `desinit` builds them all; each later one rebuilds the round keys of its key.
 // The lowest bit of every key byte (its parity bit) is ignored.
 //
 // Ownership and threads: the tables are process-wide state of this module, empty until the
