@@ -1,0 +1,74 @@
+// The messenger driver.
+#include "messenger/driver.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "common/strutil.h"
+#include "common/trace_log.h"
+#include "messenger/arguments.h"
+#include "messenger/hooks.h"
+#include "messenger/report.h"
+
+PCX spcx;
+PCX* pcx = nullptr;
+pid_t wPid = 0;
+
+void signal_handler_common(int /*signalID*/) {}
+
+int initialize_messenger(PCX* pcx) {
+  memset(pcx, 0, sizeof *pcx);
+  pcx->running_mode = kMessengerRunningMode;
+  pcx->status = 'R';
+  pcx->melder_type = kMelderDefault;
+  pcx->IoTimeOut = 60;
+  pcx->connect_retry = 3;
+  pcx->connect_wait = 120;
+  pcx->output_login = 'N';
+
+  struct sigaction action;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = signal_handler_common;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = 0;
+  if (sigaction(SIGUSR1, &action, nullptr) != 0) {
+    const int err = errno;
+    QX_TRACE("%s <-- (sigaction(%d) error %d-%s)", __func__, SIGUSR1, err, strerror(err));
+    return -1;
+  }
+  sigset_t set;
+  sigemptyset(&set);
+  if (sigaddset(&set, SIGUSR1) != 0) {
+    const int err = errno;
+    QX_TRACE("%s <-- (sigaddset(%d) error %d-%s)", __func__, SIGUSR1, err, strerror(err));
+    return -1;
+  }
+  const int rc = pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  if (rc != 0) {
+    QX_TRACE("%s <-- (sigprocmask(SIG_SETMASK,...) error %d-%s)", __func__, rc, strerror(rc));
+    return -1;
+  }
+  return 0;
+}
+
+int run_messenger(int argc, char** argv) {
+  // Numbered events of the layers below reach the job's log through the messenger's logger.
+  __log_set_logger(messenger_logger);
+  pcx = &spcx;
+  initialize_messenger(pcx);
+  if (argc > 0 && argv[0] != nullptr) {
+    StringCopy(pcx->program_name, sizeof pcx->program_name, GetPName(argv[0]));
+  }
+  if (argc == 2 && strcmp(argv[1], "-V") == 0) {
+    mprintf("QX7 Agent \"%s\" version %s, changelist '%i'", pcx->program_name, kQxVersionText,
+            kQxChangelist);
+    return 0;
+  }
+  parse_arguments(pcx, argc, argv);
+  print_report(pcx);
+  // The job's return code for an end event (the system keeps its low 8 bits), else 0.
+  return pcx->melder_type == kMelderEnd ? pcx->reti : 0;
+}
