@@ -50,7 +50,7 @@ int g_tty_fd = -1;
 struct termios g_tty_saved;
 
 void restore_tty_and_die(int sig) {
-  if (g_tty_fd >= 0) tcsetattr(g_tty_fd, TCSAFLUSH, &g_tty_saved);
+  if (g_tty_fd >= 0) tcsetattr(g_tty_fd, TCSANOW, &g_tty_saved);
   signal(sig, SIG_DFL);
   raise(sig);
 }
@@ -66,11 +66,11 @@ class EchoOff {
     struct termios quiet = g_tty_saved;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     quiet.c_lflag |= ECHONL;
-    tcsetattr(fd_, TCSAFLUSH, &quiet);
+    tcsetattr(fd_, TCSANOW, &quiet);
   }
   ~EchoOff() {
     if (g_tty_fd < 0) return;
-    tcsetattr(fd_, TCSAFLUSH, &g_tty_saved);
+    tcsetattr(fd_, TCSANOW, &g_tty_saved);
     g_tty_fd = -1;
   }
   EchoOff(const EchoOff&) = delete;
@@ -98,11 +98,12 @@ bool read_value(const char* prompt, char* line) {
     close(fd);
     return false;
   }
-  fputs(prompt, tty);
-  fflush(tty);
   bool ok;
   {
+    // Echo goes off before the prompt appears, so nothing typed after it is shown.
     EchoOff quiet(fd);
+    fputs(prompt, tty);
+    fflush(tty);
     ok = read_line(tty, line);
   }
   fclose(tty);

@@ -1,0 +1,130 @@
+// qx_jpmd CMD=...: the command runs with its scrambled passwords turned into clear text.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "integration/cmd_process.h"
+#include "scramble/scramble.h"
+
+namespace {
+
+using qxtest::ProgramPath;
+using qxtest::RunProgram;
+
+const std::string kMessenger = ProgramPath("qx_jpmd");
+
+// The scrambled text of `value` with the "--10" header (or 0xAD 0xAD with `magic`).
+std::string Scrambled(const std::string& value, bool magic = false) {
+  char text[512];
+  ZUSTRNG_EnMaxim2(text, value.c_str(), kCommandPasswordKey);
+  std::string s = text;
+  if (!magic) s.replace(0, 2, "--");
+  return s;
+}
+
+std::string Lower(std::string s) {
+  for (char& c : s)
+    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+std::string Upper(std::string s) {
+  for (char& c : s)
+    c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  return s;
+}
+
+qxtest::ProgramRun RunCmd(const std::string& command) {
+  return RunProgram(kMessenger, {"CMD=" + command});
+}
+
+TEST(CmdExec, PasswordsAreReplacedInPlace) {
+  const std::string one = Scrambled("s3cr3t-one");
+  const std::string two = Scrambled("second password of 24 ch", /*magic=*/true);
+  const std::string d16 = "0123456789ABCDEF";
+  const std::string d10 = "abcdef1234";
+  struct Case {
+    std::string command;
+    std::string output;
+  };
+  const Case cases[] = {
+      {"printf '[%s]' plain text", "[plain][text]"},
+      {"printf '[%s]' " + one + " '" + two + "'", "[s3cr3t-one][second password of 24 ch]"},
+      {"printf '[%s]' x" + one + "y", "[xs3cr3t-oney]"},
+      {"printf '[%s]' " + Lower(one), "[s3cr3t-one]"},
+      // A marker without digits is removed; one followed by no blank as well.
+      {"printf '[%s]' a--10 --10x --10", "[a][x]"},
+      // A run of digits of the wrong length stays, upper-cased; so does a wrong version.
+      {"printf '[%s]' --10" + d10 + " --11" + d16, "[--10" + Upper(d10) + "][--11" + d16 + "]"},
+      // A header without digits counts as an empty value even with the magic bytes.
+      {"printf '[%s]' \xAD\xAD"
+       "10",
+       "[]"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.command);
+    const auto run = RunCmd(c.command);
+    EXPECT_EQ(run.exit_status, 0);
+    EXPECT_EQ(run.out, c.output);
+    EXPECT_EQ(run.err, "");
+  }
+}
+
+TEST(CmdExec, DigitRunsEndAfter251Digits) {
+  // 119 characters fill 15 blocks, 240 digits: the longest value that can be replaced.
+  const std::string longest(119, 'L');
+  auto run = RunCmd("printf '[%s]' " + Scrambled(longest));
+  EXPECT_EQ(run.out, "[" + longest + "]");
+
+  // 127 characters make 256 digits: the run ends after 251 of them, which is no whole number
+  // of blocks, so the text stays as written (digits upper-case) and the rest follows as it is.
+  const std::string too_long = Lower(Scrambled(std::string(127, 'T')));
+  run = RunCmd("printf '[%s]' " + too_long);
+  EXPECT_EQ(run.out, "[" + Upper(too_long.substr(0, 4 + 251)) + too_long.substr(4 + 251) + "]");
+}
+
+TEST(CmdExec, ExitStatusFollowsTheCommand) {
+  struct Case {
+    const char* command;
+    int status;
+  };
+  const Case cases[] = {{"true", 0}, {"false", 1}, {"exit 7", 1}, {"", 0}, {"kill -9 $$", 1}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.command);
+    EXPECT_EQ(RunCmd(c.command).exit_status, c.status);
+  }
+  // Arguments after CMD are not looked at, and no report is printed.
+  const auto run = RunProgram(kMessenger, {"TYP=S", "CMD=printf done", "TRC=1"});
+  EXPECT_EQ(run.exit_status, 0);
+  EXPECT_EQ(run.out, "done");
+}
+
+TEST(CmdExec, TraceShowsOnlyTheScrambledCommand) {
+  char dir_template[] = "/tmp/qx_cmd_XXXXXX";
+  ASSERT_NE(mkdtemp(dir_template), nullptr);
+  const std::string dir = dir_template;
+  const std::string clear = "Tr4ced-N0t";
+  const std::string text = Scrambled(clear);
+  const auto run =
+      RunProgram(kMessenger, {"TRC=1", "CMD=printf %s " + text + " > secret.txt"}, "", dir.c_str());
+  EXPECT_EQ(run.exit_status, 0);
+  EXPECT_EQ(run.err, "");
+  EXPECT_NE(run.out.find("processCmd(cmd=printf %s " + text + " > secret.txt) -->"),
+            std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("processCmd <-- (result=0)"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find(clear), std::string::npos) << run.out;
+  std::ifstream file(dir + "/secret.txt");
+  std::stringstream written;
+  written << file.rdbuf();
+  EXPECT_EQ(written.str(), clear);
+  unlink((dir + "/secret.txt").c_str());
+  rmdir(dir.c_str());
+}
+
+}  // namespace
