@@ -7,7 +7,11 @@
 #include "ccm/channel.h"
 #include "ccm/connect.h"
 #include "ccm/context.h"
+#include "ccm/io.h"
 #include "ccm/ipc.h"
+#include "ccm/ipc_dispatch.h"
+#include "ccm/listen.h"
 #include "ccm/message.h"
+#include "ccm/net_thread.h"
 
 #endif  // QX_CCM_CCM_H_

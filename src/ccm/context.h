@@ -77,6 +77,7 @@ struct ccm_context_t {
 struct ccm_app_context_head {
   char eyec[8];
   int running_mode;
+  void* ccm = nullptr;  // the application's connection manager context (for ipc_logger)
 };
 
 // The application context of the last `ccm_open`. The application keeps its own typed pointer

@@ -1,0 +1,261 @@
+// Reading frames from a channel's socket and writing its queued messages.
+#include "ccm/io.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "ccm/internal.h"
+#include "ccm/message.h"
+#include "ccm/receive.h"
+#include "ccm/wire.h"
+#include "common/trace_log.h"
+
+namespace {
+
+// Control data is read into and sent from this area; cmsghdr needs its alignment.
+struct alignas(cmsghdr) control_area {
+  unsigned char bytes[CCM_CONTROL_AREA];
+};
+
+#define QX_CH_FMT "channel(%p,s=%d/chID=%d,%s,flag=%.8X)"
+#define QX_CH_ARGS(ch)                                   \
+  static_cast<void*>(ch), (ch)->s, (ch)->ID, (ch)->name, \
+      static_cast<unsigned>(ccm_flag_get((ch)->flag))
+
+// Closes the descriptors passed in control data that no message takes over, so that a read
+// which completes no frame does not leak them.
+void close_passed_descriptors(unsigned char* control, size_t len) {
+  msghdr mh{};
+  mh.msg_control = control;
+  mh.msg_controllen = len;
+  for (cmsghdr* c = CMSG_FIRSTHDR(&mh); c != nullptr; c = CMSG_NXTHDR(&mh, c)) {
+    if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+    const size_t n = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < n; ++i) {
+      int fd = -1;
+      std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
+      QX_TRACE("close_passed_descriptors:      no frame for passed descriptor %d, closed", fd);
+      if (fd >= 0) close(fd);
+    }
+  }
+}
+
+// Grows the receive buffer by one step, keeping what it holds. The new size is committed
+// only together with the new buffer, so a failed growth leaves the channel's buffer, size and
+// contents exactly as they were.
+bool grow_receive_buffer(ccm_channel_t* ch, ccm_error_t* ccmerr) {
+  const int new_size = ch->recv_size + CCM_RECV_GROW_STEP;
+  QX_TRACE("ccm_read_channel:         resize buffer at %p: %d ==> %d",
+           static_cast<void*>(ch->recv_buffer), ch->recv_size, new_size);
+  auto* buf = static_cast<unsigned char*>(ccm_alloc(static_cast<size_t>(new_size), "RECVBUFF"));
+  if (buf == nullptr) {
+    ccm_set_alloc_error(ccmerr, "RECVBUFF", __FILE__, __LINE__);
+    return false;
+  }
+  if (ch->recv_pos > 0) std::memcpy(buf, ch->recv_buffer, static_cast<size_t>(ch->recv_pos));
+  ccm_free(ch->recv_buffer);
+  ch->recv_buffer = buf;
+  ch->recv_size = new_size;
+  return true;
+}
+
+// Moves the `left` unconsumed bytes at `cursor` to the front of the receive buffer.
+void keep_rest(ccm_channel_t* ch, const unsigned char* cursor, int left) {
+  if (left > 0 && cursor != ch->recv_buffer) std::memmove(ch->recv_buffer, cursor, left);
+  ch->recv_pos = left;
+}
+
+}  // namespace
+
+int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccmerr) {
+  QX_TRACE("%s(" QX_CH_FMT ",pos=%d) -->", __func__, QX_CH_ARGS(ccmch), ccmch->recv_pos);
+
+  // A buffer that is full (or not there yet) grows first. When it cannot grow, the channel
+  // keeps its buffer and everything in it: the partner is not at fault for the shortage, and
+  // the socket, still readable, brings the reader back at the next cycle to try again.
+  if (ccmch->recv_pos >= ccmch->recv_size && !grow_receive_buffer(ccmch, ccmerr)) {
+    QX_TRACE("%s <-- (calloc error, receive buffer)", __func__);
+    return -1;
+  }
+  if (!(ccm_flag_get(ccmch->flag) & CCM_CHFLAG_BINDADDR)) {
+    ccm_error_t own{};
+    ccm_channel_bindaddr_inquire(ccm, ccmch, &own);
+  }
+
+  iovec iov{};
+  iov.iov_base = ccmch->recv_buffer + ccmch->recv_pos;
+  iov.iov_len = static_cast<size_t>(ccmch->recv_size - ccmch->recv_pos);
+  control_area control{};
+  msghdr mh{};
+  mh.msg_iov = &iov;
+  mh.msg_iovlen = 1;
+  mh.msg_control = control.bytes;
+  mh.msg_controllen = sizeof control.bytes;
+  ccmch->timestamp_last_io = time(nullptr);
+
+  QX_TRACE("%s:      recvmsg(pos=%d) -->", __func__, ccmch->recv_pos);
+  const ssize_t n = recvmsg(ccmch->s, &mh, 0);
+  const int err = errno;
+  QX_TRACE("%s:      recvmsg(...) <-- (rslt=%d)", __func__, static_cast<int>(n));
+  if (n <= 0) {
+    // The reader runs only for a socket that select reported readable: nothing read means the
+    // partner closed, and no error is harmless here.
+    if (n < 0) {
+      ccmch->msgnr = CCM_MSGNR_RECEIVE_ERROR;
+      std::snprintf(ccmch->msginsert, sizeof ccmch->msginsert, "%s|%d(%s),S(%d(ID=%d))|",
+                    ccmch->name, err, std::strerror(err), ccmch->s, ccmch->ID);
+    }
+    ccm_channel_delete(ccm, ccmch);
+    QX_TRACE("%s <-- (receive error)", __func__);
+    return -1;
+  }
+
+  if (trc_level()) trcdump(iov.iov_base, static_cast<int>(n), "recvmsg() data");
+  const size_t control_len = std::min<size_t>(mh.msg_controllen, sizeof control.bytes);
+  QX_TRACE("%s:      control_len = %u", __func__, static_cast<unsigned>(control_len));
+  ccmch->recv_pos += static_cast<int>(n);
+  int left = ccmch->recv_pos;
+  unsigned char* cursor = ccmch->recv_buffer;
+  bool control_taken = false;
+
+  while (left > CCM_LENGTH_VISIBLE) {
+    QX_TRACE("%s:      datalen_in_buffer = %d", __func__, left);
+    // The announced length is checked before anything is done for it: a frame that could
+    // never be valid ends the channel at once instead of letting the buffer grow towards it.
+    const int len = ccm_get_valid_msg_length(ccm, ccmch, cursor, ccmerr);
+    if (len < 0) {
+      if (control_len != 0 && !control_taken) close_passed_descriptors(control.bytes, control_len);
+      ccm_channel_delete(ccm, ccmch);
+      QX_TRACE("%s <-- (invalid message length)", __func__);
+      return -1;
+    }
+    if (left < len) {
+      QX_TRACE("%s:      not enough data pos(%d) < len(%d)", __func__, left, len);
+      break;
+    }
+    ccm_msg_t* msg = len <= CCM_MSG_POOL_SIZE ? ccm_msg_alloc(ccm, ccmerr)
+                                              : ccm_msg_alloc_huge(ccm, len, ccmerr);
+    if (msg == nullptr) {
+      // Frames already queued must not be queued again by the next read: the unconsumed rest
+      // goes to the front now. The channel stays; its remaining frames are cut out at its next
+      // read.
+      keep_rest(ccmch, cursor, left);
+      if (control_len != 0 && !control_taken) close_passed_descriptors(control.bytes, control_len);
+      QX_TRACE("%s <-- (msg alloc error, message queue)", __func__);
+      return -1;
+    }
+    std::memcpy(msg->buffer1, cursor, static_cast<size_t>(len));
+    msg->len = len;
+    msg->msg_start = msg->buffer1;
+    msg->addr.src_ID = ccmch->ID;
+    msg->addr.src_type = ccmch->type;
+    if (trc_level()) {
+      trcdump(msg->msg_start, len, "complete message from " QX_CH_FMT, QX_CH_ARGS(ccmch));
+    }
+    if (ccm_classify_message(ccm, ccmch, msg, ccmerr) != 0) {
+      ccm_channel_delete(ccm, ccmch);
+      ccm_msg_free(ccm, msg);
+      if (control_len != 0 && !control_taken) close_passed_descriptors(control.bytes, control_len);
+      QX_TRACE("%s <-- (qualifing message error)", __func__);
+      return -1;
+    }
+    if (control_len != 0) {
+      std::memcpy(msg->control_data, control.bytes, control_len);
+      msg->control_len = control_len;
+      control_taken = true;
+      if (trc_level()) trcdump(msg->control_data, static_cast<int>(control_len), "control data");
+    }
+    {
+      ccm_spin_guard guard(ccm->queue_lock);
+      ccm_queue_unlink(ccm->msgq_inuse, msg);
+      ccm_queue_append(ccm->recvq, msg);
+    }
+    ccm_wakeup_processor(ccm);
+    left -= len;
+    cursor += len;
+  }
+  if (control_len != 0 && !control_taken) close_passed_descriptors(control.bytes, control_len);
+  keep_rest(ccmch, cursor, left);
+  QX_TRACE("%s <-- (datalen=%d,pos=%d)", __func__, left, ccmch->recv_pos);
+  return 0;
+}
+
+int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* /*ccmerr*/) {
+  QX_TRACE("%s(" QX_CH_FMT ") -->", __func__, QX_CH_ARGS(ccmch));
+  ccm_msg_t* msg = nullptr;
+  {
+    ccm_spin_guard guard(ccmch->queue_lock);
+    msg = ccmch->sendq.head;
+  }
+  while (msg != nullptr) {
+    QX_TRACE("%s:      msg(%p,msgID=%lu,addr=%p,len=%d,pos=%d,flag=%.8X),pos=%d", __func__,
+             static_cast<void*>(msg), msg->ID, static_cast<void*>(msg->msg_start), msg->len,
+             msg->pos, static_cast<unsigned>(msg->flag), msg->pos);
+    if (msg->pos < 0 || msg->pos > msg->len) {
+      // Progress outside the message would read beyond it: the message is sent from its start
+      // (a negative position) or taken as written (a position past its end).
+      if (trc_level()) trcdump(msg, static_cast<int>(sizeof *msg), "invalid CCMMSG");
+      msg->pos = msg->pos < 0 ? 0 : msg->len;
+    }
+    const int chunk = std::min(msg->len - msg->pos, CCM_SEND_CHUNK);
+    unsigned char* data = msg->msg_start + msg->pos;
+    if (trc_level()) {
+      trcdump(data, chunk, "sendmsg() to " QX_CH_FMT, QX_CH_ARGS(ccmch));
+    }
+    iovec iov{};
+    iov.iov_base = data;
+    iov.iov_len = static_cast<size_t>(chunk);
+    msghdr mh{};
+    mh.msg_iov = &iov;
+    mh.msg_iovlen = 1;
+    control_area control{};
+    if (msg->control_len != 0) {
+      // Every send of the message carries its control data.
+      const size_t clen = std::min(msg->control_len, sizeof control.bytes);
+      std::memcpy(control.bytes, msg->control_data, clen);
+      mh.msg_control = control.bytes;
+      mh.msg_controllen = clen;
+      if (trc_level()) trcdump(control.bytes, static_cast<int>(clen), "control data");
+    }
+    ccmch->timestamp_last_io = time(nullptr);
+    QX_TRACE("%s:         send(len=%d) -->", __func__, chunk);
+    errno = 0;
+    // MSG_NOSIGNAL: a partner that reset the connection must end the channel, not the process.
+    const ssize_t n = sendmsg(ccmch->s, &mh, MSG_NOSIGNAL);
+    const int err = errno;
+    QX_TRACE("%s:         sendmsg(...) <-- (rslt=%d,errno=%d)", __func__, static_cast<int>(n), err);
+    if (n < 0) {
+      if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) {
+        QX_TRACE("%s <-- (WouldBlock,pos=%d)", __func__, msg->pos);
+        return 0;
+      }
+      ccmch->msgnr = CCM_MSGNR_SEND_ERROR;
+      std::snprintf(ccmch->msginsert, sizeof ccmch->msginsert, "%d(%s)|%s(%d/ID=%d)|", err,
+                    std::strerror(err), ccmch->name, ccmch->s, ccmch->ID);
+      ccm_channel_delete(ccm, ccmch);
+      QX_TRACE("%s <-- (socket send() error)", __func__);
+      return -1;
+    }
+    msg->pos += static_cast<int>(n);
+    QX_TRACE("%s:      pos = %d, len = %d", __func__, msg->pos, msg->len);
+    if (msg->pos == msg->len) {
+      ccm_msg_t* written = msg;
+      {
+        ccm_spin_guard guard(ccmch->queue_lock);
+        ccmch->sendq.head = written->nxt;
+        msg = written->nxt;
+      }
+      written->nxt = nullptr;
+      ccm_msg_free(ccm, written);
+    }
+    if (n < chunk) break;
+  }
+  QX_TRACE("%s <-- (OK)", __func__);
+  return 0;
+}

@@ -1,0 +1,205 @@
+// Listening sockets and the acceptance of connections on them.
+#include "ccm/listen.h"
+
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ccm/address.h"
+#include "ccm/connect.h"
+#include "ccm/internal.h"
+#include "ccm/ipc.h"
+#include "ccm/ipc_dispatch.h"
+#include "ccm/message.h"
+#include "common/trace_log.h"
+
+namespace {
+
+constexpr char kListenName[] = "*LISTEN";
+
+void trace_channel_exit(const char* fn, const char* what, const ccm_channel_t* ch) {
+  if (!trc_level()) return;
+  const int flag = ccm_flag_get(ch->flag);
+  __trace_text(0,
+               "%s <-- (%schannel(name=%-20s,chID=%d,s=%d,type=%.8X,flag=%.8X,%s,host=%s(%s),"
+               "port=%d,sendq=%p))",
+               fn, what, ch->name, ch->ID, ch->s, static_cast<unsigned>(ch->type),
+               static_cast<unsigned>(flag), (flag & CCM_CHFLAG_DELETED) ? "deleted" : "active",
+               ch->host, ch->addr, ch->port, static_cast<void*>(ch->sendq.head));
+}
+
+// The port of a socket address of either family, in host byte order.
+int port_of(const sockaddr_in6& a) {
+  // sin_port and sin6_port stand at the same offset.
+  return ntohs(a.sin6_port);
+}
+
+// Releases an accepted channel that was never announced: no log and no close notice, since
+// the processing thread never heard of it; its socket is closed with it.
+void discard_unannounced(ccm_context_t* ccm, ccm_channel_t* ch) {
+  ch->type = CCM_CHTYPE_SILENT;
+  ccm_error_t own{};
+  ccm_channel_destroy(ccm, ch, &own);
+}
+
+}  // namespace
+
+int ccm_create_listen(ccm_context_t* ccm, const char* pbind_addr, int port, int listen_count,
+                      ccm_error_t* ccmerr) {
+  QX_TRACE("%s(bind_addr=%s,port=%d,listen=%d) -->", __func__, pbind_addr ? pbind_addr : "", port,
+           listen_count);
+  const bool ipv6 = (ccm_flag_get(ccm->flag) & CCM_FLAG_IPV6) != 0;
+  char bind_addr[CCM_HOSTNAME_SIZE];
+  ccm_copy_text(bind_addr, sizeof bind_addr, pbind_addr ? pbind_addr : "");
+  if (std::strcmp(bind_addr, "*LOCAL") == 0) {
+    ccm_copy_text(bind_addr, sizeof bind_addr, ipv6 ? "::1" : "127.0.0.1");
+  }
+  sockaddr_in6 addr{};
+  addr.sin6_family = ipv6 ? AF_INET6 : AF_INET;
+  if (bind_addr[0] != '\0') {
+    QX_TRACE("%s:      using bindaddr = %s", __func__, bind_addr);
+    if (ccm_hostname2address(bind_addr, CCM_PREFER_IPV4, &addr, ccmerr) != 0) {
+      QX_TRACE("%s <-- (ccm_hostname2address error)", __func__);
+      return -1;
+    }
+  }
+  const int family = addr.sin6_family;
+
+  QX_TRACE("%s:         socket(family=%d) -->", __func__, family);
+  const int s = socket(family, SOCK_STREAM, 0);
+  int err = errno;
+  QX_TRACE("%s:         socket(...) <-- s=%d", __func__, s);
+  if (s < 0) {
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "socket(family=%d,addr=)|%d(%s)", family, err,
+                  std::strerror(err));
+    QX_TRACE("%s <-- (socket() error)", __func__);
+    return -1;
+  }
+  // From here on every failure closes the socket.
+  auto fail = [&](const char* why) {
+    close(s);
+    QX_TRACE("%s <-- (%s)", "ccm_create_listen", why);
+    return -1;
+  };
+
+  const int on = 1;
+  QX_TRACE("%s:         setsockopt(s=%d,SOL_SOCKET,SO_REUSEADDR)", __func__, s);
+  int rslt = setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  QX_TRACE("%s:         setsockopt() <-- rslt=%d", __func__, rslt);
+  if (family == AF_INET6) {
+    // Accept IPv4 clients on an IPv6 socket too.
+    const int off = 0;
+    QX_TRACE("%s:         setsockopt(s=%d,SOL_SOCKET,SO_REUSEADDR)", __func__, s);
+    rslt = setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    QX_TRACE("%s:         setsockopt() <-- rslt=%d", __func__, rslt);
+  }
+
+  addr.sin6_port = htons(static_cast<uint16_t>(port));
+  char text[CCM_ADDRSTR_SIZE];
+  ccm_address2string(&addr, text, sizeof text);
+  QX_TRACE("%s:         bind(%d,family=%d,addr=%s,port=%d) -->", __func__, s, family, text, port);
+  // The length of the larger address serves either family.
+  if (bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    err = errno;
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "bind(%s:%d)|%d(%s)", text, port, err,
+                  std::strerror(err));
+    return fail("bind() error");
+  }
+
+  QX_TRACE("%s:         listen(socket=%d,count=%d) -->", __func__, s, listen_count);
+  errno = 0;
+  rslt = listen(s, listen_count);
+  err = errno;
+  QX_TRACE("%s:         listen(...) <-- rslt=%d,errno=%d(%s)", __func__, rslt, err,
+           std::strerror(err));
+  if (rslt != 0) {
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "listen()|%d(%s)", err, std::strerror(err));
+    return fail("listen() error");
+  }
+
+  QX_TRACE("%s:      ioctl( %d, DONTBLOCK) -->", __func__, s);
+  int nonblock = 1;
+  errno = 0;
+  rslt = ioctl(s, FIONBIO, &nonblock);
+  err = errno;
+  QX_TRACE("%s:      ioctl(...) <-- rslt=%d,errno=%d-%s", __func__, rslt, err, std::strerror(err));
+  if (rslt != 0) {
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "listen()|%d(%s)", err, std::strerror(err));
+    return fail("ioctl error, dontblock");
+  }
+
+  ccm_channel_t* ch = nullptr;
+  if (ccm_channel_new_entry(ccm, &ch, ccmerr) != 0) return fail("channel entry create error");
+  ch->s = s;
+  ch->type = CCM_CHTYPE_LISTEN;
+  ccm_copy_text(ch->name, sizeof ch->name, kListenName);
+  trace_channel_exit(__func__, "OK,", ch);
+  ccm_channel_chain(ccm, ch);
+  return 0;
+}
+
+int ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccmerr) {
+  QX_TRACE("%s(channel(%p,s=%d/chID=%d,%s,flag=%.8X)) -->", __func__, static_cast<void*>(ccmch),
+           ccmch->s, ccmch->ID, ccmch->name, static_cast<unsigned>(ccm_flag_get(ccmch->flag)));
+  sockaddr_in6 peer{};
+  socklen_t peer_len = sizeof peer;
+  QX_TRACE("%s:         accept(...) -->", __func__);
+  const int s = accept(ccmch->s, reinterpret_cast<sockaddr*>(&peer), &peer_len);
+  const int err = errno;
+  QX_TRACE("%s:         accept(...) <--", __func__);
+  if (s < 0) {
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "accept(...,FIONBIO)|%d-%s", err, std::strerror(err));
+    QX_TRACE("%s <-- (accept error)", __func__);
+    return -1;
+  }
+
+  ccm_channel_t* ch = nullptr;
+  if (ccm_channel_new_entry(ccm, &ch, ccmerr) != 0) {
+    close(s);
+    QX_TRACE("%s <-- (unable to allocate new socket entry for LISTEN)", __func__);
+    return -1;
+  }
+  ccm_address2string(&peer, ch->addr, sizeof ch->addr);
+  ch->s = s;
+  ch->port = port_of(peer);
+
+  if (ccm_set_nonblocking(ccm, ch, ccmerr) != 0) {
+    discard_unannounced(ccm, ch);
+    QX_TRACE("%s <-- (error set non-blocking mode)", __func__);
+    return -1;
+  }
+  if (ccm_set_linger(ccm, ch, 1, CCM_ACCEPT_LINGER_SECS, ccmerr) != 0) {
+    discard_unannounced(ccm, ch);
+    QX_TRACE("%s <-- (error set linger)", __func__);
+    return -1;
+  }
+
+  // Without the notice the processing thread would never learn of the connection: it could
+  // neither address it nor tell apart what arrives on it. Such a connection is closed again
+  // at once (the partner sees the close and may try again) and the shortage is logged.
+  ccm_error_t alloc_err{};
+  ccm_msg_t* msg = ccm_msg_alloc(ccm, &alloc_err);
+  if (msg == nullptr) {
+    __log(alloc_err.msgnr, "%s", alloc_err.msginsert);
+    if (ccmerr != nullptr) *ccmerr = alloc_err;
+    discard_unannounced(ccm, ch);
+    QX_TRACE("%s <-- (no message for the accept notice, connection closed)", __func__);
+    return -1;
+  }
+  unsigned char* p = msg->msg_start;
+  std::memset(p, 0, sizeof(ipcmsg_channel_accept_t));
+  std::memcpy(p + offsetof(ipcmsg_channel_accept_t, head), IPCMSG_CHANNEL_ACCEPT,
+              sizeof IPCMSG_CHANNEL_ACCEPT);
+  const int id = ch->ID;
+  std::memcpy(p + offsetof(ipcmsg_channel_accept_t, ID), &id, sizeof id);
+  msg->len = static_cast<int>(sizeof(ipcmsg_channel_accept_t));
+
+  trace_channel_exit(__func__, "new channel created: ", ch);
+  ccm_channel_chain(ccm, ch);
+  send_IPC_internal(ccm, msg);
+  return 0;
+}

@@ -1,0 +1,379 @@
+// The network thread: start and stop, the merge of new channels, the dispatch of outgoing
+// messages and the select cycle.
+#include "ccm/net_thread.h"
+
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "ccm/internal.h"
+#include "ccm/io.h"
+#include "ccm/listen.h"
+#include "ccm/message.h"
+#include "common/trace_log.h"
+
+namespace {
+
+// A descriptor set of its own for descriptors 0..65535: the bit layout of fd_set (descriptor
+// d is bit d % bits-per-word of word d / bits-per-word), which the kernel reads for as many
+// bits as select's first argument says. fd_set itself and its macros stop at 1024.
+constexpr int kSetBits = CCM_MAX_WATCHED_FD + 1;
+constexpr int kWordBits = 8 * static_cast<int>(sizeof(unsigned long));
+struct alignas(fd_set) descriptor_set {
+  unsigned long words[kSetBits / kWordBits];
+
+  void clear() { std::memset(words, 0, sizeof words); }
+  void add(int fd) { words[fd / kWordBits] |= 1UL << (fd % kWordBits); }
+  bool has(int fd) const { return (words[fd / kWordBits] >> (fd % kWordBits)) & 1UL; }
+  fd_set* as_fd_set() { return reinterpret_cast<fd_set*>(words); }
+};
+static_assert(sizeof(descriptor_set) == 8192);
+
+// Used by the network thread alone; one network thread per process.
+descriptor_set fd_read;
+descriptor_set fd_write;
+descriptor_set fd_error;
+char read_text[CCM_FDSET_TEXT_SIZE];
+char write_text[CCM_FDSET_TEXT_SIZE];
+
+bool watchable(int fd) {
+  return fd >= 0 && fd <= CCM_MAX_WATCHED_FD;
+}
+
+const char* thread_name() {
+  const auto* app = static_cast<const ccm_app_context_head*>(GlbPcx);
+  switch (app != nullptr ? app->running_mode : -1) {
+    case 0:
+      return "AGENT/CCM";
+    case 1:
+      return "LISTENER/CCM";
+    case 2:
+      return "FTX/CCM";
+    default:
+      return "";
+  }
+}
+
+void trace_channel(const char* fn, const ccm_channel_t* ch) {
+  if (!trc_level()) return;
+  const int flag = ccm_flag_get(ch->flag);
+  __trace_text(0,
+               "%s:        ==> channel(name=%-20s,chID=%d,s=%d,type=%.8X,flag=%.8X,%s,host=%s(%s),"
+               "port=%d,sendq=%p)",
+               fn, ch->name, ch->ID, ch->s, static_cast<unsigned>(ch->type),
+               static_cast<unsigned>(flag), (flag & CCM_CHFLAG_DELETED) ? "deleted" : "active",
+               ch->host, ch->addr, ch->port, static_cast<void*>(ch->sendq.head));
+}
+
+bool is_deleted(const ccm_channel_t* ch) {
+  return (ccm_flag_get(ch->flag) & CCM_CHFLAG_DELETED) != 0;
+}
+
+bool sendq_empty(ccm_channel_t* ch) {
+  ccm_spin_guard guard(ch->queue_lock);
+  return ch->sendq.head == nullptr;
+}
+
+// Sets a socket non-blocking with the traces of the pair maker; true on success.
+bool set_dontblock(const char* fn, int s) {
+  QX_TRACE("%s:      ioctl( %d, DONTBLOCK) -->", fn, s);
+  int on = 1;
+  errno = 0;
+  const int rslt = ioctl(s, FIONBIO, &on);
+  const int err = errno;
+  QX_TRACE("%s:      ioctl(...) <-- rslt=%d,errno=%d-%s", fn, rslt, err, std::strerror(err));
+  return rslt == 0;
+}
+
+}  // namespace
+
+char* ccm_fdset_text(char* work, int size, const void* set, int maxfd) {
+  if (size <= 0) return work;
+  work[0] = '\0';
+  const auto* s = static_cast<const descriptor_set*>(set);
+  static constexpr char kCut[] = ",...";
+  int used = 0;
+  if (maxfd > CCM_MAX_WATCHED_FD) maxfd = CCM_MAX_WATCHED_FD;
+  for (int fd = 0; fd <= maxfd; ++fd) {
+    if (!s->has(fd)) continue;
+    char number[16];
+    const int n = std::snprintf(number, sizeof number, used == 0 ? "%d" : ",%d", fd);
+    // Room must stay for the marker, should a later number not fit.
+    if (used + n + static_cast<int>(sizeof kCut) > size) {
+      if (used + static_cast<int>(sizeof kCut) <= size) std::memcpy(work + used, kCut, sizeof kCut);
+      return work;
+    }
+    std::memcpy(work + used, number, static_cast<size_t>(n) + 1);
+    used += n;
+  }
+  return work;
+}
+
+int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* ccmerr) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, static_cast<void*>(ccm));
+  pthread_attr_init(&ccm->thread_attr);
+  pthread_attr_setdetachstate(&ccm->thread_attr, PTHREAD_CREATE_JOINABLE);
+  if (ccm_create_wakeup_pipes(ccm, ccmerr) != 0) {
+    pthread_attr_destroy(&ccm->thread_attr);
+    QX_TRACE("%s <-- (error creating wakeup pipes)", __func__);
+    return -1;
+  }
+  // Set before the thread exists and never by the thread: a stop requested at any time after
+  // this function returned is never lost.
+  __atomic_store_n(&ccm->loop, 1, __ATOMIC_RELEASE);
+  QX_TRACE("%s:      pthread_create() -->", __func__);
+  const int rslt = pthread_create(&ccm->thread, &ccm->thread_attr, ccm_thread_run, ccm);
+  QX_TRACE("%s:      pthread_create() <-- (rslt=%d)", __func__, rslt);
+  pthread_attr_destroy(&ccm->thread_attr);
+  if (rslt != 0) {
+    // pthread_create reports its error as its result, not in errno.
+    __atomic_store_n(&ccm->loop, 0, __ATOMIC_RELEASE);
+    ccm_set_error(ccmerr, CCM_MSGNR_THREAD, "%s|%s=%d(%d-%s)", "CCM-thread", "pthread_create()",
+                  rslt, rslt, std::strerror(rslt));
+    QX_TRACE("%s <-- (pthread_create() error)", __func__);
+    return -1;
+  }
+  QX_TRACE("%s <-- (OK)", __func__);
+  return 0;
+}
+
+void* ccm_thread_run(void* pccm) {
+  auto* ccm = static_cast<ccm_context_t*>(pccm);
+  QX_TRACE("%s(ccm=%p) -->", __func__, pccm);
+  __log(CCM_MSGNR_THREAD_NAME, "%s", thread_name());
+  while (__atomic_load_n(&ccm->loop, __ATOMIC_ACQUIRE) != 0) {
+    ccm_error_t err{};
+    ccm_network_select(ccm, CCM_SELECT_TIMEOUT, &err);
+    if (ccm_flag_get(ccm->flag) & CCM_FLAG_CHANNEL_DELETED) ccm_destroy_deleted_channels(ccm);
+  }
+  // A stop may come before any cycle saw a channel that was deleted just before it (still in
+  // channel_newq, or deleted while the last cycle was serving): one last sweep destroys every
+  // channel deleted before the stop, so that its close notice is queued before the join.
+  {
+    ccm_spin_guard guard(ccm->channel_lock);
+    ccm_channel_merge_newq(ccm);
+  }
+  ccm_destroy_deleted_channels(ccm);
+  QX_TRACE("%s:      ccm_thread_run <-- (BYE-BYE)", __func__);
+  return nullptr;
+}
+
+int ccm_thread_stop(ccm_context_t* ccm) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, static_cast<void*>(ccm));
+  __atomic_store_n(&ccm->loop, 0, __ATOMIC_RELEASE);
+  ccm_wakeup_network(ccm);
+  QX_TRACE("%s:      stopping network thread initiated", __func__);
+  QX_TRACE("%s <-- (OK)", __func__);
+  return 0;
+}
+
+int ccm_channel_merge_newq(ccm_context_t* ccm) {
+  while (ccm_channel_t* ch = ccm_queue_pop(ccm->channel_newq)) {
+    ccm_queue_append(ccm->channelq, ch);
+  }
+  return 0;
+}
+
+int ccm_dispatch_send_messages(ccm_context_t* ccm) {
+  QX_TRACE("%s() -->", __func__);
+  {
+    ccm_spin_guard guard(ccm->queue_lock);
+    ccm->msgq_2dispatch = ccm->sendq;
+    ccm->sendq = {};
+  }
+  int count = 0;
+  while (ccm_msg_t* msg = ccm_queue_pop(ccm->msgq_2dispatch)) {
+    count++;
+    QX_TRACE("%s:        ==> msg(%p,msgID=%lu,addr=%p,len=%d,pos=%d,flag=%.8X)", __func__,
+             static_cast<void*>(msg), msg->ID, static_cast<void*>(msg->msg_start), msg->len,
+             msg->pos, static_cast<unsigned>(msg->flag));
+    ccm_addr_t& a = msg->addr;
+    if (std::strncmp(a.dst_addr, "*CP", 3) == 0)
+      ccm_copy_text(a.dst_addr, sizeof a.dst_addr, "*SERVER");
+    ccm_channel_t* ch =
+        a.dst_ID != 0 ? ccm_channel_getbyID(ccm, a.dst_ID) : ccm_channel_getbyName(ccm, a.dst_addr);
+    if (ch == nullptr) {
+      // A message marked to be kept belongs to someone else; it only leaves the list.
+      if (!(msg->flag & CCM_MSGFLAG_KEEP)) ccm_msg_free(ccm, msg);
+      continue;
+    }
+    // channel_lock is held from the search on.
+    QX_TRACE("%s:      send to the partner (name : '%s' function : '%s', call back :'%08X')",
+             __func__, ch->name, a.dst_name, static_cast<unsigned>(a.dst_ID));
+    {
+      ccm_spin_guard guard(ch->queue_lock);
+      ccm_queue_append(ch->sendq, msg);
+    }
+    msg->pATctx = ch->pATctx;
+    if ((ccm_flag_get(ch->flag) & CCM_CHFLAG_NAT_02) && msg->type == CCM_MSG_NAT) {
+      msg->flag |= CCM_MSGFLAG_CHANNEL_02;
+    }
+    ccm_channel_unlock(ccm);
+  }
+  ccm->msgq_2dispatch = {};
+  QX_TRACE("%s <-- (number of dispatched messages = %d)", __func__, count);
+  return 0;
+}
+
+int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
+  QX_TRACE("%s(ccm=%p, sizeof(fd_read) = %d) -->", __func__, static_cast<void*>(ccm),
+           static_cast<int>(sizeof fd_read));
+  {
+    ccm_spin_guard guard(ccm->channel_lock);
+    if (ccm->channel_newq.head != nullptr) ccm_channel_merge_newq(ccm);
+  }
+  ccm_dispatch_send_messages(ccm);
+
+  fd_read.clear();
+  fd_write.clear();
+  fd_error.clear();
+  int highest = 0;
+  // Other threads never change channelq while the thread runs: no lock for the walk.
+  for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
+    trace_channel(__func__, ch);
+    if (is_deleted(ch)) {
+      ccm_flag_set(ccm->flag, CCM_FLAG_CHANNEL_DELETED);
+      continue;
+    }
+    if (ch->type == CCM_CHTYPE_NOSOCKET) continue;
+    if (!watchable(ch->s)) {
+      // A socket the sets cannot hold would never be served: the channel ends with its error
+      // recorded rather than hang unwatched.
+      ch->msgnr = CCM_MSGNR_SYSCALL;
+      std::snprintf(ch->msginsert, sizeof ch->msginsert, "select(s=%d)|%d-%s|%s(ID=%d)", ch->s,
+                    EBADF, std::strerror(EBADF), ch->name, ch->ID);
+      QX_TRACE("%s:      socket %d of channel %d cannot be watched", __func__, ch->s, ch->ID);
+      ccm_channel_delete(ccm, ch);
+      continue;
+    }
+    if (!(ccm_flag_get(ch->flag) & CCM_CHFLAG_NOREAD)) fd_read.add(ch->s);
+    fd_error.add(ch->s);
+    if (!sendq_empty(ch)) fd_write.add(ch->s);
+    if (ch->s > highest) highest = ch->s;
+  }
+  const int wakeup = ccm->network_wakeup[0];
+  if (watchable(wakeup)) {
+    fd_read.add(wakeup);
+    if (wakeup > highest) highest = wakeup;
+  }
+
+  timeval tv{};
+  tv.tv_sec = stimeout;
+  tv.tv_usec = 0;
+  if (trc_level()) {
+    __trace_text(0, "%s:         select(maxfd=%d,READ[%s],WRITE[%s]) -->", __func__, highest + 1,
+                 ccm_fdset_text(read_text, sizeof read_text, &fd_read, highest),
+                 ccm_fdset_text(write_text, sizeof write_text, &fd_write, highest));
+  }
+  const int rslt =
+      select(highest + 1, fd_read.as_fd_set(), fd_write.as_fd_set(), fd_error.as_fd_set(), &tv);
+  const int err = errno;
+  if (trc_level()) {
+    __trace_text(0, "%s:         select(...) <-- (rslt=%d,READ[%s],WRITE[%s])", __func__, rslt,
+                 ccm_fdset_text(read_text, sizeof read_text, &fd_read, highest),
+                 ccm_fdset_text(write_text, sizeof write_text, &fd_write, highest));
+  }
+  if (rslt == 0) {
+    QX_TRACE("%s <-- (timeout)", __func__);
+    return 0;
+  }
+  if (rslt < 0) {
+    if (err == EINTR) {
+      QX_TRACE("%s <-- (signal wakeup)", __func__);
+      return 0;
+    }
+    // Each set text gets a share of the insert, so that the error behind them is never cut.
+    char rtext[400];
+    char wtext[400];
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "select(%d,RSET[%s],WSET[%s])|%d-%s", highest + 1,
+                  ccm_fdset_text(rtext, sizeof rtext, &fd_read, highest),
+                  ccm_fdset_text(wtext, sizeof wtext, &fd_write, highest), err, std::strerror(err));
+    QX_TRACE("%s <-- (select error: %d-%s)", __func__, err, std::strerror(err));
+    return -1;
+  }
+  if (watchable(wakeup) && fd_read.has(wakeup)) {
+    QX_TRACE("%s:      network woken up by other thread", __func__);
+    // Every byte waiting is taken: each cycle dispatches the whole send queue, so the bytes
+    // of senders that came before this point have all been served by the next dispatch.
+    // select reported the pipe readable, so the read does not block.
+    char bytes[256];
+    [[maybe_unused]] ssize_t n = read(wakeup, bytes, sizeof bytes);
+  }
+
+  ccm_channel_t* next = nullptr;
+  for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = next) {
+    next = ch->nxt;
+    if (is_deleted(ch) || ch->type == CCM_CHTYPE_NOSOCKET || !watchable(ch->s)) continue;
+    ccm_error_t own{};
+    if (fd_read.has(ch->s)) {
+      if (ch->type == CCM_CHTYPE_LISTEN) {
+        ccm_signal_on_listen(ccm, ch, &own);
+        continue;
+      }
+      if (ccm_read_channel(ccm, ch, &own) != 0) continue;
+    }
+    if (!is_deleted(ch) && fd_write.has(ch->s)) ccm_write_channel(ccm, ch, &own);
+  }
+  QX_TRACE("%s <-- (OK)", __func__);
+  return 0;
+}
+
+int ccm_channel_maintenance(ccm_context_t* ccm) {
+  QX_TRACE("%s(ccm=%p) -->", __func__, static_cast<void*>(ccm));
+  QX_TRACE("%s <-- (OK)", __func__);
+  return 0;
+}
+
+int ccm_channel_create_pair(ccm_context_t* ccm, ccm_channel_t** pch1, ccm_channel_t** pch2,
+                            ccm_error_t* ccmerr) {
+  QX_TRACE("%s() -->", __func__);
+  ccm_channel_t* ch[2] = {nullptr, nullptr};
+  // Channels that were never entered are released without a trace in the logs or the
+  // receive queue: nobody has heard of them, so no close notice may announce them. Their
+  // sockets (when they got any) are closed with them.
+  auto release = [&](const char* why) {
+    for (ccm_channel_t* c : ch) {
+      if (c == nullptr) continue;
+      c->type = CCM_CHTYPE_SILENT;
+      ccm_error_t own{};
+      ccm_channel_destroy(ccm, c, &own);
+    }
+    QX_TRACE("%s <-- (%s)", "ccm_channel_create_pair", why);
+    return -1;
+  };
+  if (ccm_channel_new_entry(ccm, &ch[0], ccmerr) != 0 ||
+      ccm_channel_new_entry(ccm, &ch[1], ccmerr) != 0) {
+    return release("channel entry create error");
+  }
+  int sv[2] = {-1, -1};
+  if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) {
+    const int err = errno;
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "socketpair()|%d-%s", err, std::strerror(err));
+    return release("error creating socket pair");
+  }
+  ch[0]->s = sv[0];
+  ch[1]->s = sv[1];
+  for (ccm_channel_t* c : ch) {
+    if (!set_dontblock(__func__, c->s)) {
+      const int err = errno;
+      ccm_set_error(ccmerr, -1, "ioctl(%d,FIONBIO)|%d-%s", c->s, err, std::strerror(err));
+      return release("ioctl error, dontblock");
+    }
+  }
+  *pch1 = ch[0];
+  *pch2 = ch[1];
+  ccm_channel_chain(ccm, ch[0]);
+  ccm_channel_chain(ccm, ch[1]);
+  QX_TRACE(
+      "%s <-- (WAKEUP=channel(%p,s=%d/chID=%d,%s,flag=%.8X) / "
+      "SIGNAL=channel(%p,s=%d/chID=%d,%s,flag=%.8X))",
+      __func__, static_cast<void*>(ch[0]), ch[0]->s, ch[0]->ID, ch[0]->name,
+      static_cast<unsigned>(ccm_flag_get(ch[0]->flag)), static_cast<void*>(ch[1]), ch[1]->s,
+      ch[1]->ID, ch[1]->name, static_cast<unsigned>(ccm_flag_get(ch[1]->flag)));
+  return 0;
+}
