@@ -1,0 +1,276 @@
+#include "messenger/agent_session.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <pthread.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <algorithm>
+
+#include "ccm/channel.h"
+#include "ccm/connect.h"
+#include "ccm/ipc.h"
+#include "ccm/net_thread.h"
+#include "ccm/receive.h"
+#include "common/trace_log.h"
+#include "messenger/job_messages.h"
+
+ccm_context_t* ccm = nullptr;
+ccm_msg_t* ccmmsg = nullptr;
+int ccmID = 0;
+
+namespace {
+
+// Every trace line of the run's driver carries this function name.
+constexpr const char* kMain = "main";
+
+// The messenger's kind of channel and the time it allows a connection.
+constexpr int kAgentChannelType = CCM_CHTYPE_MESSENGER;
+constexpr int kConnectWaitSecs = 60;
+
+// The agent's greeting: a native message whose payload came under key 4.
+constexpr unsigned char kGreetingKey = 4;
+
+long long now_ms() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Sleeps `ms` milliseconds; a signal (SIGUSR1) does not shorten the pause.
+void pause_ms(long long ms) {
+  if (ms <= 0) return;
+  timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
+// The channel a received message or notice belongs to: the channel record copied into a
+// close notice, or the channel the message was read from. -1 for any other internal message.
+int channel_of(const ccm_msg_t* msg) {
+  if (msg->type != CCM_MSG_IPC) return msg->addr.src_ID;
+  if (msg->len < static_cast<int>(sizeof(ipcmsg_channel_close_t))) return -1;
+  char type[CCM_IPC_TYPE_SIZE] = {};
+  memcpy(type, msg->msg_start, sizeof type);
+  if (memcmp(type, IPCMSG_CHANNEL_CLOSE, sizeof IPCMSG_CHANNEL_CLOSE) != 0) return -1;
+  int id;
+  memcpy(&id,
+         msg->msg_start + offsetof(ipcmsg_channel_close_t, ccmch) + offsetof(ccm_channel_t, ID),
+         sizeof id);
+  return id;
+}
+
+bool is_close_notice(const ccm_msg_t* msg) {
+  return msg->type == CCM_MSG_IPC;
+}
+
+enum class WaitResult { kMessage, kTimeout, kFailed };
+
+// Waits until `deadline` (monotonic milliseconds) for a message or notice of channel
+// `channelID`. Whatever belongs to another channel (a close notice of an earlier attempt, a
+// late frame on a rejected connection) is given back and traced. A deadline in the past
+// only looks at what is already queued.
+WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** out) {
+  *out = nullptr;
+  for (;;) {
+    ccm_error_t err{};
+    ccm_msg_t* msg = nullptr;
+    int r = ccm_receive_message(ccm, 0, &msg, &err);
+    if (r < 0) return WaitResult::kFailed;
+    if (r > 0 && msg != nullptr) {
+      int id = channel_of(msg);
+      if (id == channelID) {
+        *out = msg;
+        return WaitResult::kMessage;
+      }
+      QX_TRACE("%s:      discarded %s of channel %d (waiting for channel %d)", kMain,
+               is_close_notice(msg) ? "close notice" : "message", id, channelID);
+      ccm_msg_free(ccm, msg);
+      continue;
+    }
+    long long left = deadline - now_ms();
+    if (left <= 0) return WaitResult::kTimeout;
+    // The network thread announces each queued message with one byte on the processor
+    // wake-up pipe; the next look above takes the byte and the message.
+    pollfd pfd{ccm->processor_wakeup[0], POLLIN, 0};
+    int pr = poll(&pfd, 1, static_cast<int>(std::min<long long>(left, 1000LL * 3600)));
+    if (pr < 0 && errno != EINTR) return WaitResult::kFailed;
+  }
+}
+
+// Lets the network thread write what is still queued for the agent, until `deadline`.
+// Returns true when nothing is left to write. In a run whose reply came this returns at the
+// first look: the reply proves the job message was written.
+bool drain_send_queues(int agentID, long long deadline) {
+  long long step = 1;
+  while (!ccm_is_all_sendq_empty(ccm)) {
+    if (!ccm_channel_existbyID(ccm, agentID)) {
+      QX_TRACE("%s:      job message not written: the connection to the agent failed", kMain);
+      return false;
+    }
+    long long left = deadline - now_ms();
+    if (left <= 0) {
+      QX_TRACE("%s:      job message not written within the time-out", kMain);
+      return false;
+    }
+    pause_ms(std::min(step, left));
+    step = std::min(step * 2, 50LL);
+  }
+  return true;
+}
+
+// Turns lingering off on a socket, so that its close returns at once; the system still
+// delivers what was written, in the background. A close with lingering on waits for the
+// partner's acknowledgement, which a dead partner can stretch to the whole linger time.
+void close_without_waiting(int s) {
+  if (s < 0) return;
+  linger lg{};
+  setsockopt(s, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+}
+
+// The agent's channel, still served by the network thread: found under the channel lock,
+// which keeps it from being destroyed while its option is changed.
+void agent_channel_close_without_waiting(int agentID) {
+  ccm_channel_t* ch = ccm_channel_getbyID(ccm, agentID);
+  if (ch == nullptr) return;
+  close_without_waiting(ch->s);
+  ccm_channel_unlock(ccm);
+}
+
+// After the join the main thread owns every channel. Channels entered after the network
+// thread's last merge join the list here, so that closing all of them reaches them too.
+void prepare_channels_for_close() {
+  ccm_channel_lock(ccm);
+  ccm_channel_merge_newq(ccm);
+  for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
+    close_without_waiting(ch->s);
+  }
+  ccm_channel_unlock(ccm);
+}
+
+int exit_status(const PCX* pcx) {
+  return pcx->melder_type == kMelderEnd ? pcx->reti : 0;
+}
+
+void trace_end(const PCX* pcx) {
+  if (pcx->abnormal_end) {
+    QX_TRACE("%s:      Program QX7 Messenger Version \"%s\" ended abnormally", kMain,
+             kQxVersionText);
+  } else {
+    QX_TRACE("%s:      Program QX7 Messenger Version \"%s\" ended normally", kMain, kQxVersionText);
+  }
+}
+
+void send_job_message(PCX* pcx) {
+  switch (pcx->melder_type) {
+    case kMelderOutputView:
+      SendOutputViewMsg(pcx);
+      break;
+    case kMelderVariable:
+      SendRegVariableMsg(pcx);
+      break;
+    default:
+      SendJpMd(pcx);
+      break;
+  }
+}
+
+}  // namespace
+
+int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
+  ccm_error_t err{};
+  const long long pause = timing != nullptr ? timing->pause_ms : pcx->connect_wait * 1000LL;
+  // "TIMEOUT=NONE" gives 0: each wait only looks at what is queued. A negative value acts
+  // the same.
+  const long long timeout_ms = std::max(pcx->IoTimeOut, 0) * 1000LL;
+
+  ccm = nullptr;
+  ccmmsg = nullptr;
+  // Without a context or a network thread there is nothing to connect with: the run ends
+  // with its exit status and touches no context that was not made.
+  if (ccm_open(pcx, &ccm, &err) != 0) {
+    QX_TRACE("%s:      connection manager could not be opened (%d: %s)", kMain, err.msgnr,
+             err.msginsert);
+    ccm = nullptr;
+    pcx->abnormal_end = 1;
+    trace_end(pcx);
+    return exit_status(pcx);
+  }
+  if (ccm_thread_start(ccm, &err) != 0) {
+    QX_TRACE("%s:      network thread could not be started (%d: %s)", kMain, err.msgnr,
+             err.msginsert);
+    ccm_close(ccm, &err);
+    ccm = nullptr;
+    pcx->abnormal_end = 1;
+    trace_end(pcx);
+    return exit_status(pcx);
+  }
+
+  // A negative number of attempts counts as none.
+  const int attempts = std::max(pcx->connect_retry, 0);
+  bool greeted = false;
+  for (int attempt = 0; attempt < attempts && !greeted && !pcx->abnormal_end; attempt++) {
+    QX_TRACE("%s:      connection attempt #%d", kMain, attempt);
+    if (attempt > 0) {
+      QX_TRACE("%s:      wait %d seconds before retry connecting", kMain, pcx->connect_wait);
+      pause_ms(pause);
+    }
+    ccmID = ccm_connect(ccm, pcx->ipAddr, pcx->portnri, kAgentChannelType, nullptr,
+                        kConnectWaitSecs, &err);
+    if (ccmID < 0) {
+      QX_TRACE("%s:      connect failed", kMain);
+      continue;
+    }
+    if (wait_channel_message(ccmID, now_ms() + timeout_ms, &ccmmsg) != WaitResult::kMessage) {
+      pcx->abnormal_end = 1;
+      break;
+    }
+    if (ccmmsg->type == CCM_MSG_NATIVE && ccmmsg->protocol_key == kGreetingKey) {
+      pcx->agentID = ccmmsg->addr.src_ID;
+      greeted = true;
+    } else {
+      // The channel of a rejected attempt stays open until the shutdown.
+      QX_TRACE("%s:      invalid answer", kMain);
+      ccm_msg_free(ccm, ccmmsg);
+      ccmmsg = nullptr;
+    }
+  }
+
+  if (greeted) {
+    QX_TRACE("%s:      executordata arrived", kMain);
+    ccm_msg_free(ccm, ccmmsg);
+    ccmmsg = nullptr;
+    send_job_message(pcx);
+
+    // The reply and the writing of the job message share one time-out. A reply normally
+    // comes only after the job message was written; when anything came earlier (a frame
+    // the agent sent unasked, a failed wait), what is still queued gets the rest of the
+    // time-out to reach the wire before the connection is closed.
+    const long long deadline = now_ms() + timeout_ms;
+    WaitResult r = wait_channel_message(pcx->agentID, deadline, &ccmmsg);
+    if (r == WaitResult::kMessage && is_close_notice(ccmmsg)) {
+      QX_TRACE("%s:      the agent closed the connection without a reply", kMain);
+    }
+    if (ccmmsg != nullptr) {
+      ccm_msg_free(ccm, ccmmsg);
+      ccmmsg = nullptr;
+    }
+    drain_send_queues(pcx->agentID, deadline);
+  }
+
+  // Shutdown: the agent's channel, the network thread, every other channel, the context.
+  if (pcx->agentID != 0) {
+    agent_channel_close_without_waiting(pcx->agentID);
+    ccm_channel_deletebyID(ccm, pcx->agentID);
+  }
+  ccm_thread_stop(ccm);
+  pthread_join(ccm->thread, nullptr);
+  prepare_channels_for_close();
+  ccm_channel_closeall(ccm);
+  ccm_close(ccm, &err);
+  ccm = nullptr;
+  trace_end(pcx);
+  return exit_status(pcx);
+}
