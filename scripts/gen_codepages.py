@@ -9,6 +9,9 @@ Regenerate (from the repository root, after changing TABLES):
 
     python3 scripts/gen_codepages.py            # writes every output file
     python3 scripts/gen_codepages.py --check    # exits 1 when a committed file is stale
+    python3 scripts/gen_codepages.py --check --verify   # and compare with the iconv command
+
+The conversion runs in the C library's iconv (the library behind the iconv command).
 
 Each entry of TABLES describes one 256-byte table:
 
@@ -29,10 +32,13 @@ Each entry of TABLES describes one 256-byte table:
     inverse_inputs  optional, with inverse_of: the input bytes of that table to invert
 """
 import argparse
+import ctypes
+import ctypes.util
 import os
 import subprocess
 import sys
 
+VERIFY = False
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 TABLES = [
@@ -59,8 +65,41 @@ TABLES = [
 ]
 
 
-def convert_byte(source, target, b):
-    """The byte iconv makes of byte b, or None when it has no counterpart."""
+class Iconv:
+    """One conversion of the C library's iconv (the library behind the iconv command)."""
+
+    def __init__(self, source, target):
+        self.lib = ctypes.CDLL(ctypes.util.find_library("c"), use_errno=True)
+        self.lib.iconv_open.restype = ctypes.c_void_p
+        self.lib.iconv_open.argtypes = [ctypes.c_char_p, ctypes.c_char_p]
+        self.lib.iconv.restype = ctypes.c_size_t
+        self.lib.iconv.argtypes = [ctypes.c_void_p] + [ctypes.c_void_p] * 4
+        self.lib.iconv_close.argtypes = [ctypes.c_void_p]
+        self.cd = self.lib.iconv_open(target.encode(), source.encode())
+        if self.cd in (None, ctypes.c_void_p(-1).value):
+            sys.exit("iconv cannot convert %s to %s" % (source, target))
+
+    def convert(self, b):
+        """The byte iconv makes of byte b, or None when it has no single-byte counterpart."""
+        self.lib.iconv(self.cd, None, None, None, None)  # back to the initial state
+        inbuf = ctypes.create_string_buffer(bytes([b]), 1)
+        outbuf = ctypes.create_string_buffer(8)
+        inptr = ctypes.c_char_p(ctypes.addressof(inbuf))
+        outptr = ctypes.c_char_p(ctypes.addressof(outbuf))
+        inleft = ctypes.c_size_t(1)
+        outleft = ctypes.c_size_t(8)
+        r = self.lib.iconv(self.cd, ctypes.byref(inptr), ctypes.byref(inleft),
+                           ctypes.byref(outptr), ctypes.byref(outleft))
+        if r == ctypes.c_size_t(-1).value or inleft.value != 0 or outleft.value != 7:
+            return None
+        return outbuf.raw[0]
+
+    def close(self):
+        self.lib.iconv_close(self.cd)
+
+
+def convert_byte_command(source, target, b):
+    """The same through the iconv command (slower; used by --verify)."""
     r = subprocess.run(["iconv", "-f", source, "-t", target], input=bytes([b]),
                        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=False)
     if r.returncode != 0 or len(r.stdout) != 1:
@@ -90,10 +129,14 @@ def build(defn, built):
             if other[s] != other_default or s in defn["overrides"].values():
                 table[other[s]] = s
     else:
+        conv = Iconv(defn["source"], defn["target"])
         for b in defn.get("inputs", range(256)):
-            t = convert_byte(defn["source"], defn["target"], b)
+            t = conv.convert(b)
+            if VERIFY:
+                assert t == convert_byte_command(defn["source"], defn["target"], b), (defn, b)
             if t is not None:
                 table[b] = t
+        conv.close()
     for k, v in defn["overrides"].items():
         table[k] = v
     return table
@@ -125,7 +168,11 @@ def render(path, defs, built):
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("--check", action="store_true", help="compare instead of writing")
+    ap.add_argument("--verify", action="store_true",
+                    help="also convert every byte with the iconv command and compare")
     args = ap.parse_args()
+    global VERIFY
+    VERIFY = args.verify
     check_iconv(sorted({d[k] for d in TABLES if "inverse_of" not in d
                         for k in ("source", "target")}))
     built = {}

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <string>
 
@@ -86,6 +87,20 @@ TEST(Tables, InvertEachOtherWhereBothSidesExist) {
     EXPECT_NE(ascii2ebcdic[c], 0xFF);
   for (int c = 'A'; c <= 'Z'; ++c)
     EXPECT_EQ(ebcdic2ascii[ascii2ebcdic[c + 32]], c + 32);
+}
+
+}  // namespace
+
+namespace {
+
+// The committed tables are what the generator makes of the system's iconv code pages today.
+TEST(Tables, CommittedFilesMatchTheGenerator) {
+  if (system("command -v python3 >/dev/null 2>&1 && command -v iconv >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "python3 or iconv missing";
+  }
+  const std::string cmd =
+      "python3 " QX_SOURCE_DIR "/scripts/gen_codepages.py --check >/dev/null 2>&1";
+  EXPECT_EQ(system(cmd.c_str()), 0) << "regenerate with python3 scripts/gen_codepages.py";
 }
 
 }  // namespace
