@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -219,6 +220,49 @@ TEST_F(NetThreadTest, StopEndsTheWaitAndDestroysDeletedChannelsBeforeTheJoin) {
   char byte;
   EXPECT_EQ(read(peer, &byte, 1), 0);  // the channel's socket was closed
   close(peer);
+}
+
+// Both threads busy at once: the main thread sends over both ends of a socket pair and takes
+// what arrives while the network thread writes, reads and queues.
+TEST_F(NetThreadTest, TrafficBothWaysArrivesInOrder) {
+  ASSERT_EQ(ccm_thread_start(ccm_, &err_), 0);
+  ccm_channel_t* a = nullptr;
+  ccm_channel_t* b = nullptr;
+  ASSERT_EQ(ccm_channel_create_pair(ccm_, &a, &b, &err_), 0);
+  const int ids[2] = {a->ID, b->ID};
+  constexpr int kEach = 300;
+  int next_seq[2] = {0, 0};  // per receiving channel
+  int received = 0;
+  auto take = [&](int wait) {
+    ccm_msg_t* m = nullptr;
+    if (ccm_receive_message(ccm_, wait, &m, &err_) != 1) return;
+    const int side = m->addr.src_ID == ids[0] ? 0 : 1;
+    int seq = -1;
+    std::memcpy(&seq, m->msg_start, sizeof seq);
+    EXPECT_EQ(seq, next_seq[side]++);
+    EXPECT_EQ(m->len, 4 + seq % 5000);
+    ccm_msg_free(ccm_, m);
+    received++;
+  };
+  for (int seq = 0; seq < kEach; ++seq) {
+    for (int to : ids) {
+      ccm_msg_t* m = ccm_msg_alloc(ccm_, &err_);
+      const int body = 4 + seq % 5000;
+      const std::string f = ipc_frame(kProtocolHeaderSize + body, static_cast<char>(seq));
+      std::memcpy(m->msg_start, f.data(), f.size());
+      std::memcpy(m->msg_start + kProtocolHeaderSize, &seq, sizeof seq);
+      m->len = static_cast<int>(f.size());
+      ccm_setaddr(m, to, 0, "", "", 0);
+      ccm_send_message_common(ccm_, m, "test");
+    }
+    take(0);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (received < 2 * kEach && std::chrono::steady_clock::now() < deadline)
+    take(1);
+  EXPECT_EQ(received, 2 * kEach);
+  ccm_thread_stop(ccm_);
+  ASSERT_TRUE(joined_within(ccm_->thread, 5));
 }
 
 }  // namespace
