@@ -73,18 +73,13 @@ TEST(Des, PublishedVectors) {
     const Block cipher = FromHex(c.cipher);
     EXPECT_EQ(Encipher(key, c.plain), cipher);
     EXPECT_EQ(Decipher(key, cipher), c.plain);
+    // Input and output may be the same area.
+    Block b = c.plain;
+    endes(reinterpret_cast<char*>(b.data()), reinterpret_cast<char*>(b.data()));
+    EXPECT_EQ(b, cipher);
+    dedes(reinterpret_cast<char*>(b.data()), reinterpret_cast<char*>(b.data()));
+    EXPECT_EQ(b, c.plain);
   }
-}
-
-TEST(Des, SameAreaForInputAndOutput) {
-  const Block key = FromHex("133457799BBCDFF1");
-  Block b = FromHex("0123456789ABCDEF");
-  desinit(reinterpret_cast<const char*>(key.data()));
-  char* p = reinterpret_cast<char*>(b.data());
-  endes(p, p);
-  EXPECT_EQ(b, FromHex("85E813540F0AB405"));
-  dedes(p, p);
-  EXPECT_EQ(b, FromHex("0123456789ABCDEF"));
 }
 
 TEST(Des, AgreesWithOpenSslOnRandomKeysAndBlocks) {
@@ -94,25 +89,6 @@ TEST(Des, AgreesWithOpenSslOnRandomKeysAndBlocks) {
     const Block in = RandomBlock(rng);
     ASSERT_EQ(Encipher(key, in), OpenSslCrypt(key, in, DES_ENCRYPT)) << "round " << i;
     ASSERT_EQ(Decipher(key, in), OpenSslCrypt(key, in, DES_DECRYPT)) << "round " << i;
-  }
-}
-
-TEST(Des, ManyBlocksUnderOneKey) {
-  // The tables are built once and then only read: a run of blocks must not disturb them.
-  std::mt19937_64 rng(7);
-  const Block key = RandomBlock(rng);
-  DES_cblock k;
-  std::memcpy(k, key.data(), 8);
-  DES_key_schedule ks;
-  DES_set_key_unchecked(&k, &ks);
-  desinit(reinterpret_cast<const char*>(key.data()));
-  for (int i = 0; i < 2000; ++i) {
-    const Block in = RandomBlock(rng);
-    Block ours{}, back{};
-    endes(reinterpret_cast<const char*>(in.data()), reinterpret_cast<char*>(ours.data()));
-    dedes(reinterpret_cast<const char*>(ours.data()), reinterpret_cast<char*>(back.data()));
-    ASSERT_EQ(ours, OpenSslCrypt(key, in, DES_ENCRYPT));
-    ASSERT_EQ(back, in);
   }
 }
 
