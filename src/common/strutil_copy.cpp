@@ -1,5 +1,6 @@
 // String utilities: bounded copies, word splitting and fixed-length fields.
 #include <ctype.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,13 +19,17 @@ char* _StringCopy(char* RcvArea, int RcvSize, const char* SndArea, const char* /
   const size_t len = strlen(SndArea);
   const size_t room = static_cast<size_t>(RcvSize) - 1;
   if (len > room) {
-    // Cut: clear the whole area, then move what fits (the areas may overlap).
-    if (SndArea >= RcvArea + RcvSize || SndArea + room <= RcvArea) {
+    // Cut: clear the whole area, then move what fits. When the source lies inside the area
+    // it is moved first and only the terminator is set, so it is not cleared before it is read.
+    const auto rcv = reinterpret_cast<uintptr_t>(RcvArea);
+    const auto snd = reinterpret_cast<uintptr_t>(SndArea);
+    const bool overlap = snd < rcv + static_cast<uintptr_t>(RcvSize) && rcv < snd + room;
+    if (!overlap) {
       memset(RcvArea, 0, static_cast<size_t>(RcvSize));
       memcpy(RcvArea, SndArea, room);
     } else {
       memmove(RcvArea, SndArea, room);
-      memset(RcvArea + room, 0, 1);
+      RcvArea[room] = '\0';
     }
   } else {
     memmove(RcvArea, SndArea, len + 1);
