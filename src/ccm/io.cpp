@@ -46,11 +46,19 @@ void close_passed_descriptors(unsigned char* control, size_t len) {
   }
 }
 
-// Grows the receive buffer by one step, keeping what it holds. The new size is committed
-// only together with the new buffer, so a failed growth leaves the channel's buffer, size and
-// contents exactly as they were.
+// Grows the receive buffer, keeping what it holds: by one step, or at once to the multiple of
+// the step that holds the frame at its start when that frame's (already checked) length is
+// known, so that a large frame costs one copy instead of one per step. The new size is
+// committed only together with the new buffer, so a failed growth leaves the channel's buffer,
+// size and contents exactly as they were.
 bool grow_receive_buffer(ccm_channel_t* ch, ccm_error_t* ccmerr) {
-  const int new_size = ch->recv_size + CCM_RECV_GROW_STEP;
+  int new_size = ch->recv_size + CCM_RECV_GROW_STEP;
+  if (ch->recv_pos > CCM_LENGTH_VISIBLE) {
+    const int frame = ccm_check_msg_length(ch->recv_buffer);
+    if (frame > new_size) {
+      new_size = (frame + CCM_RECV_GROW_STEP - 1) / CCM_RECV_GROW_STEP * CCM_RECV_GROW_STEP;
+    }
+  }
   QX_TRACE("ccm_read_channel:         resize buffer at %p: %d ==> %d",
            static_cast<void*>(ch->recv_buffer), ch->recv_size, new_size);
   auto* buf = static_cast<unsigned char*>(ccm_alloc(static_cast<size_t>(new_size), "RECVBUFF"));

@@ -18,7 +18,7 @@
 #include "ccm/channel.h"
 #include "ccm/context.h"
 
-inline constexpr int CCM_RECV_GROW_STEP = 8192;  // the receive buffer grows by this much
+inline constexpr int CCM_RECV_GROW_STEP = 8192;  // receive buffer sizes are multiples of this
 inline constexpr int CCM_CONTROL_AREA = 256;     // control data taken with one read
 inline constexpr int CCM_SEND_CHUNK = 32768;     // bytes handed to one sendmsg at most
 inline constexpr int CCM_LENGTH_VISIBLE = 9;     // a frame length is read once more is buffered

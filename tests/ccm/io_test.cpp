@@ -127,18 +127,29 @@ TEST_F(IoTest, FrameArrivingOneByteAtATime) {
   EXPECT_FALSE(deleted());
 }
 
-// Large frames: the buffer grows in 8192-byte steps until the frame fits, and the frame goes
-// into a pool message up to 32768 bytes (20,000 included), into a message of its own size
-// above.
+// Counts the receive buffers allocated.
+int buffers_made = 0;
+void* count_buffers(size_t size, const char* tag) {
+  if (std::strcmp(tag, "RECVBUFF") == 0) buffers_made++;
+  return ccm_alloc_default(size, tag);
+}
+
+// Large frames: the buffer grows in multiples of 8192 bytes, at once to the frame's size when
+// its length is known, and the frame goes into a pool message up to 32768 bytes (20,000
+// included), into a message of its own size above. The buffer never shrinks.
 TEST_F(IoTest, LargeFramesGrowTheBufferAndChooseTheirMessage) {
   struct Case {
     int total;
     int buffer_size;
     int message_size;
+    int buffers;
   };
-  for (const Case& k : {Case{20000, 24576, CCM_MSG_POOL_SIZE},
-                        Case{32768, 32768, CCM_MSG_POOL_SIZE}, Case{32769, 40960, 32769}}) {
+  ccm_alloc = count_buffers;
+  for (const Case& k :
+       {Case{20000, 24576, CCM_MSG_POOL_SIZE, 2}, Case{32768, 32768, CCM_MSG_POOL_SIZE, 1},
+        Case{32769, 40960, 32769, 1}, Case{70000, 73728, 70000, 1}}) {
     SCOPED_TRACE(k.total);
+    buffers_made = 0;
     const std::string f = ipc_frame(k.total, 5);
     put(f);
     EXPECT_EQ(read_all(), 0);
@@ -147,7 +158,9 @@ TEST_F(IoTest, LargeFramesGrowTheBufferAndChooseTheirMessage) {
     EXPECT_EQ(sizes, std::vector<int>{k.message_size});
     EXPECT_EQ(ch_->recv_size, k.buffer_size);
     EXPECT_EQ(ch_->recv_pos, 0);
+    EXPECT_EQ(buffers_made, k.buffers);
   }
+  ccm_alloc = ccm_alloc_default;
 }
 
 TEST_F(IoTest, InvalidLengthIsRejectedAtOnce) {

@@ -25,7 +25,7 @@ namespace {
 using ccm_test::CcmTest;
 
 std::string ipc_frame(int total, char fill) {
-  char head[kProtocolHeaderSize + 1];
+  char head[64];  // room for any int in the length field
   std::snprintf(head, sizeof head, "%.8d%-10s%-3s%-3s%-24s", total, kProtoEyeCatch, kProtoVersion,
                 "IPC", "");
   return std::string(head, kProtocolHeaderSize) + std::string(total - kProtocolHeaderSize, fill);
