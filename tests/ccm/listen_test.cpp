@@ -110,34 +110,6 @@ class ListenTest : public CcmTest {
   ccm_error_t err_{};
 };
 
-TEST_F(ListenTest, BindAddressChoosesFamilyAndAddress) {
-  const bool v6 = ccm_->flag & CCM_FLAG_IPV6;
-  struct Case {
-    const char* bind;
-    int family;
-    const char* text;
-  };
-  for (const Case& k : {Case{"*LOCAL", v6 ? AF_INET6 : AF_INET, v6 ? "::1" : "127.0.0.1"},
-                        Case{"", v6 ? AF_INET6 : AF_INET, v6 ? "::" : "0.0.0.0"},
-                        Case{"127.0.0.1", AF_INET, "127.0.0.1"}}) {
-    SCOPED_TRACE(k.bind);
-    ASSERT_EQ(ccm_create_listen(ccm_, k.bind, 0, 5, &err_), 0) << err_.msginsert;
-    int s = -1;
-    listener_port(&s);
-    sockaddr_in6 a{};
-    socklen_t len = sizeof a;
-    ASSERT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(&a), &len), 0);
-    EXPECT_EQ(a.sin6_family, k.family);
-    char text[64];
-    ccm_address2string(&a, text, sizeof text);
-    EXPECT_STREQ(text, k.text);
-    ccm_channel_deletebyName(ccm_, "*LISTEN");
-    merge_newq();
-    ccm_destroy_deleted_channels(ccm_);
-  }
-  drain_recvq();
-}
-
 TEST_F(ListenTest, WildcardListenerAcceptsIpv4Clients) {
   ASSERT_EQ(ccm_create_listen(ccm_, "", 0, 5, &err_), 0);
   int s = -1;
