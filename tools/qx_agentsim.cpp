@@ -142,7 +142,7 @@ struct Body {
     return std::string(reinterpret_cast<const char*>(p + off), n);
   }
   std::string utc(size_t off) const {
-    char b[32];
+    char b[64];
     snprintf(b, sizeof b, "%04u-%02u-%02uT%02u:%02u:%02uZ", u16(off), u16(off + 2), u16(off + 4),
              u16(off + 6), u16(off + 8), u16(off + 10));
     return b;

@@ -19,6 +19,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -44,7 +45,11 @@ inline long long now_ms() {
 inline Bytes header(size_t total, const char* protocol = "NAT") {
   char h[64];
   snprintf(h, sizeof h, "%08zuQX7:global001%.3s%24s", total, protocol, "");
-  return Bytes(h, h + 48);
+  // Room for the whole frame up front: the builders append the rest without reallocating.
+  Bytes b(std::max<size_t>(total, 48));
+  std::memcpy(b.data(), h, 48);
+  b.resize(48);
+  return b;
 }
 
 // A native frame: header, `key`, one length byte, the data. Key 4 is the agent's greeting.
@@ -104,11 +109,12 @@ inline bool read_exact(int fd, unsigned char* p, size_t n, long long deadline) {
 // One whole frame (header included) within `timeout_ms`; false when none came.
 inline bool read_frame(int fd, Bytes* out, int timeout_ms = 5000) {
   long long deadline = now_ms() + timeout_ms;
-  Bytes f(48);
-  if (!read_exact(fd, f.data(), 48, deadline)) return false;
-  long total = strtol(std::string(f.begin(), f.begin() + 8).c_str(), nullptr, 10);
+  unsigned char h[48];
+  if (!read_exact(fd, h, sizeof h, deadline)) return false;
+  long total = strtol(std::string(h, h + 8).c_str(), nullptr, 10);
   if (total < 48 || total > (1 << 20)) return false;
-  f.resize(static_cast<size_t>(total));
+  Bytes f(static_cast<size_t>(total));
+  std::memcpy(f.data(), h, sizeof h);
   if (!read_exact(fd, f.data() + 48, f.size() - 48, deadline)) return false;
   *out = std::move(f);
   return true;
@@ -169,11 +175,11 @@ inline int refused_port() {
 // ---- Fake agent -----------------------------------------------------------------------------
 
 // Accepts connections on a loopback port and runs `script` for each, one after the other,
-// on its own thread. The script gets the connection (closed after it returns unless the
-// script closed it and returned -1 through `fd`) and the connection's number from 0.
+// on its own thread. The script gets the agent (to keep frames), the connection (closed after
+// it returns unless the script closed it and set `fd` to -1) and the connection's number.
 class FakeAgent {
  public:
-  using Script = std::function<void(int& fd, int index)>;
+  using Script = std::function<void(FakeAgent& agent, int& fd, int index)>;
 
   explicit FakeAgent(Script script, int port = 0) : script_(std::move(script)), port_(port) {
     listen_fd_ = listen_loopback(&port_);
@@ -221,7 +227,7 @@ class FakeAgent {
         std::lock_guard<std::mutex> lock(mu_);
         accept_times_.push_back(now_ms());
       }
-      script_(fd, index);
+      script_(*this, fd, index);
       if (fd >= 0) close(fd);
     }
   }
@@ -313,6 +319,107 @@ inline std::string messenger_path() {
 inline RunResult run_messenger(int port, std::vector<std::string> args, int limit_secs = 30) {
   args.insert(args.begin(), {"IPA=127.0.0.1", "PNR=" + std::to_string(port)});
   return run_program(messenger_path(), args, limit_secs);
+}
+
+// ---- The agent simulator ---------------------------------------------------------------------
+
+// qx_agentsim on a free loopback port, its standard output collected line by line.
+class Simulator {
+ public:
+  explicit Simulator(std::vector<std::string> args = {}) {
+    args.insert(args.begin(), {"--port", "0"});
+    std::string program = std::string(QX_BIN_DIR) + "/qx_agentsim";
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
+    for (auto& a : args)
+      argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(out[1], 1);
+      execv(program.c_str(), argv.data());
+      _exit(127);
+    }
+    close(out[1]);
+    out_ = out[0];
+    reader_ = std::thread([this] { read_lines(); });
+    // The first line names the port: "listening on ADDRESS port PORT".
+    std::string first;
+    if (wait_lines(1, 10000)) first = lines()[0];
+    size_t at = first.rfind(' ');
+    if (first.rfind("listening on ", 0) == 0 && at != std::string::npos) {
+      port_ = atoi(first.c_str() + at + 1);
+    }
+  }
+  ~Simulator() { stop(); }
+  Simulator(const Simulator&) = delete;
+  Simulator& operator=(const Simulator&) = delete;
+
+  int port() const { return port_; }
+
+  // Stops the simulator with SIGTERM; its exit status, or -1 when it did not exit by itself.
+  int stop() {
+    if (pid_ <= 0) return status_;
+    kill(pid_, SIGTERM);
+    int st = 0;
+    waitpid(pid_, &st, 0);
+    pid_ = 0;
+    if (reader_.joinable()) reader_.join();
+    close(out_);
+    status_ = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return status_;
+  }
+
+  std::vector<std::string> lines() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return lines_;
+  }
+  // Waits until at least `n` lines came; false when they did not within `timeout_ms`.
+  bool wait_lines(size_t n, int timeout_ms) {
+    long long deadline = now_ms() + timeout_ms;
+    while (now_ms() < deadline) {
+      {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (lines_.size() >= n) return true;
+      }
+      usleep(5000);
+    }
+    return false;
+  }
+
+ private:
+  void read_lines() {
+    std::string partial;
+    char buf[8192];
+    for (;;) {
+      ssize_t r = read(out_, buf, sizeof buf);
+      if (r < 0 && errno == EINTR) continue;
+      if (r <= 0) return;
+      partial.append(buf, static_cast<size_t>(r));
+      size_t nl;
+      while ((nl = partial.find('\n')) != std::string::npos) {
+        std::lock_guard<std::mutex> lock(mu_);
+        lines_.push_back(partial.substr(0, nl));
+        partial.erase(0, nl + 1);
+      }
+    }
+  }
+
+  pid_t pid_ = 0;
+  int out_ = -1;
+  int port_ = 0;
+  int status_ = -1;
+  std::thread reader_;
+  std::mutex mu_;
+  std::vector<std::string> lines_;
+};
+
+// The number after "\"key\":" in a JSON line, or -1.
+inline long long json_number(const std::string& line, const std::string& key) {
+  size_t at = line.find("\"" + key + "\":");
+  if (at == std::string::npos) return -1;
+  return atoll(line.c_str() + at + key.size() + 3);
 }
 
 // ---- Expected bodies -----------------------------------------------------------------------

@@ -56,7 +56,7 @@ TEST_F(AgentSessionTest, AttemptsAndPauses) {
   for (Case c : {Case{3, 3}, Case{1, 1}, Case{0, 0}, Case{-2, 0}}) {
     SCOPED_TRACE("RETRY=" + std::to_string(c.retry));
     SetUp();
-    FakeAgent agent([](int& fd, int) {
+    FakeAgent agent([](FakeAgent&, int& fd, int) {
       close(fd);
       fd = -1;
     });
@@ -81,19 +81,17 @@ TEST_F(AgentSessionTest, AttemptsAndPauses) {
 TEST_F(AgentSessionTest, RefusedThenDelivered) {
   int port = refused_port();
   std::unique_ptr<FakeAgent> agent;
-  std::atomic<FakeAgent*> self{nullptr};
   std::thread starter([&] {
     usleep(kPauseMs * 1000 / 3);
     agent = std::make_unique<FakeAgent>(
-        [&](int& fd, int) {
+        [](FakeAgent& self, int& fd, int) {
           write_all(fd, native_frame("agent"));
           Bytes frame;
-          if (read_frame(fd, &frame)) self.load()->keep(frame);
+          if (read_frame(fd, &frame)) self.keep(frame);
           write_all(fd, native_frame("OK"));
           wait_eof(fd, 3000);
         },
         port);
-    self = agent.get();
   });
   int status = run(2, port);
   starter.join();
@@ -112,8 +110,7 @@ TEST_F(AgentSessionTest, RefusedThenDelivered) {
 // The first connection is greeted wrongly and then closed by the agent: its close notice
 // arrives while the session pauses and must not be taken as the second attempt's answer.
 TEST_F(AgentSessionTest, CloseNoticeOfEarlierAttemptIsNoAnswer) {
-  FakeAgent* self = nullptr;
-  FakeAgent agent([&](int& fd, int index) {
+  FakeAgent agent([](FakeAgent& self, int& fd, int index) {
     if (index == 0) {
       write_all(fd, native_frame("wrong", 7));
       usleep(50 * 1000);
@@ -121,11 +118,10 @@ TEST_F(AgentSessionTest, CloseNoticeOfEarlierAttemptIsNoAnswer) {
     }
     write_all(fd, native_frame("agent"));
     Bytes frame;
-    if (read_frame(fd, &frame)) self->keep(frame);
+    if (read_frame(fd, &frame)) self.keep(frame);
     write_all(fd, native_frame("OK"));
     wait_eof(fd, 3000);
   });
-  self = &agent;
   ASSERT_TRUE(agent.ok());
   EXPECT_EQ(run(2, agent.port()), 9);
   EXPECT_EQ(agent.connections(), 2);
