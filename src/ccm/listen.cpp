@@ -52,6 +52,13 @@ int ccm_create_listen(ccm_context_t* ccm, const char* pbind_addr, int port, int 
                       ccm_error_t* ccmerr) {
   QX_TRACE("%s(bind_addr=%s,port=%d,listen=%d) -->", __func__, pbind_addr ? pbind_addr : "", port,
            listen_count);
+  // A port that 16 bits cannot hold would silently listen on another one.
+  if (port < 0 || port > 65535) {
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "bind(%s:%d)|%d(%s)", pbind_addr ? pbind_addr : "",
+                  port, EINVAL, std::strerror(EINVAL));
+    QX_TRACE("%s <-- (invalid port)", __func__);
+    return -1;
+  }
   const bool ipv6 = (ccm_flag_get(ccm->flag) & CCM_FLAG_IPV6) != 0;
   char bind_addr[CCM_HOSTNAME_SIZE];
   ccm_copy_text(bind_addr, sizeof bind_addr, pbind_addr ? pbind_addr : "");

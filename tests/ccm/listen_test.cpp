@@ -134,6 +134,7 @@ TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
             0u)
       << err_.msginsert;
   EXPECT_EQ(ccm_create_listen(ccm_, "no-such-host.invalid", 0, 5, &err_), -1);
+  EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 65536, 5, &err_), -1);  // not port 0
   {
     FailAllocations fail("CREATE_CHANNEL");
     EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), -1);
