@@ -26,29 +26,32 @@ ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* ccmerr)
     return nullptr;
   }
   ccm_msg_t* msg = nullptr;
+  if (size == CCM_MSG_POOL_SIZE) {
+    ccm_spin_guard guard(ccm->queue_lock);
+    msg = ccm_queue_pop(ccm->msg_freeq);
+    if (msg != nullptr) ccm->nof_freemsg--;
+  }
+  if (msg == nullptr) {
+    // The allocation (and the zero fill of a large data area) runs outside the queue lock,
+    // so that the other thread never spins while memory is being handed out.
+    size_t total = sizeof(ccm_msg_t) + 2 * static_cast<size_t>(size);
+    msg = static_cast<ccm_msg_t*>(ccm_alloc(total, "CCMMSG"));
+    if (msg == nullptr) {
+      ccm_set_alloc_error(ccmerr, "CCMMSG", __FILE__, __LINE__);
+      QX_TRACE("%s <-- (malloc error, message queue)", __func__);
+      return nullptr;
+    }
+  }
+  // Clear the record only: a reused pool message keeps its old data bytes.
+  std::memset(static_cast<void*>(msg), 0, sizeof(ccm_msg_t));
+  std::memcpy(msg->eyec, "##CCM#MESSAGE###", sizeof msg->eyec);
+  msg->size = size;
+  msg->buffer1 = msg->buffer;
+  msg->buffer2 = msg->buffer1 + size;
+  msg->msg_start = msg->buffer1 + CCM_MSG_HEADROOM;
   {
     ccm_spin_guard guard(ccm->queue_lock);
-    if (size == CCM_MSG_POOL_SIZE) {
-      msg = ccm_queue_pop(ccm->msg_freeq);
-      if (msg != nullptr) ccm->nof_freemsg--;
-    }
-    if (msg == nullptr) {
-      size_t total = sizeof(ccm_msg_t) + 2 * static_cast<size_t>(size);
-      msg = static_cast<ccm_msg_t*>(ccm_alloc(total, "CCMMSG"));
-      if (msg == nullptr) {
-        ccm_set_alloc_error(ccmerr, "CCMMSG", __FILE__, __LINE__);
-        QX_TRACE("%s <-- (malloc error, message queue)", __func__);
-        return nullptr;
-      }
-    }
-    // Clear the record only: a reused pool message keeps its old data bytes.
-    std::memset(static_cast<void*>(msg), 0, sizeof(ccm_msg_t));
-    std::memcpy(msg->eyec, "##CCM#MESSAGE###", sizeof msg->eyec);
     msg->ID = static_cast<unsigned long>(ccm->unique_msg_ID++);
-    msg->size = size;
-    msg->buffer1 = msg->buffer;
-    msg->buffer2 = msg->buffer1 + size;
-    msg->msg_start = msg->buffer1 + CCM_MSG_HEADROOM;
     ccm_queue_push(ccm->msgq_inuse, msg);
   }
   QX_TRACE("%s <-- (" QX_MSG_FMT ")", __func__, QX_MSG_ARGS(msg));
@@ -58,22 +61,24 @@ ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* ccmerr)
 int ccm_msg_free(ccm_context_t* ccm, ccm_msg_t* ccmmsg) {
   QX_TRACE("%s(" QX_MSG_FMT ") -->", __func__, QX_MSG_ARGS(ccmmsg));
   const char* how = nullptr;
+  bool release = true;
   {
     ccm_spin_guard guard(ccm->queue_lock);
     ccm_queue_unlink(ccm->msgq_inuse, ccmmsg);  // a received message stands in no queue
     ccmmsg->nxt = nullptr;
     if (ccmmsg->size != CCM_MSG_POOL_SIZE) {
-      ccm_free(ccmmsg);
       how = "huge message is freed";
     } else if (ccm->nof_freemsg >= CCM_MSG_POOL_MAX) {
-      ccm_free(ccmmsg);
       how = "normal message freed";
     } else {
       ccm_queue_push(ccm->msg_freeq, ccmmsg);
       ccm->nof_freemsg++;
       how = "put back to freeq";
+      release = false;
     }
   }
+  // Memory goes back to the system outside the queue lock; the message is in no queue now.
+  if (release) ccm_free(ccmmsg);
   QX_TRACE("%s <-- (%s)", __func__, how);
   return 0;
 }
