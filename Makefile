@@ -37,7 +37,7 @@ test-fuzz:
 	@if ls fuzz/*.cpp >/dev/null 2>&1; then \
 	  $(CMAKE) -S . -B build-fuzz $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DQX_FUZZ=ON && \
-	  $(CMAKE) --build build-fuzz -j$(JOBS) && \
+	  $(CMAKE) --build build-fuzz -j$(JOBS) --target fuzzers && \
 	  FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/run-fuzzers.sh build-fuzz/bin; \
 	else echo "no fuzz targets"; fi
 
