@@ -451,14 +451,25 @@ inline Bytes meld_body(size_t size, int client, size_t ver) {
   return b;
 }
 
-// Copies the 16-byte time stamp at `off` and the 4-byte seconds at `off_t` from `got` after
-// checking that the seconds lie within a few seconds of now.
+inline unsigned get16(const Bytes& b, size_t off) {
+  return b[off] | b[off + 1] << 8;
+}
+
+// Checks that the seconds at `off_t` lie within a few seconds of now and that the UTC time
+// stamp at `off` is the same moment, then copies both into `want`, so that the rest of the
+// body can be compared byte for byte.
 inline bool adopt_time(const Bytes& got, Bytes& want, size_t off, size_t off_t) {
-  long long sent = get32(got, off_t);
-  long long now = time(nullptr);
+  time_t sent = static_cast<time_t>(get32(got, off_t));
+  time_t now = time(nullptr);
+  tm u;
+  gmtime_r(&sent, &u);
+  const int fields[6] = {u.tm_year + 1900, u.tm_mon + 1, u.tm_mday, u.tm_hour, u.tm_min, u.tm_sec};
+  bool same = get32(got, off + 12) == 0;
+  for (int i = 0; i < 6; i++)
+    same = same && get16(got, off + 2 * i) == unsigned(fields[i]);
   std::memcpy(want.data() + off, got.data() + off, 16);
   std::memcpy(want.data() + off_t, got.data() + off_t, 4);
-  return now - sent >= 0 && now - sent <= 5;
+  return same && now - sent >= 0 && now - sent <= 5;
 }
 
 }  // namespace agent_test

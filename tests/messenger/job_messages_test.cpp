@@ -1,6 +1,6 @@
 // The three job messages, checked as the frames the network thread would write: the header,
 // the routing entries and every byte of the body, built here from the message layouts
-// independently of the records the sender uses.
+// independently of the records the sender uses (with the fake agents' frame helpers).
 #include "messenger/job_messages.h"
 
 #include <gtest/gtest.h>
@@ -13,64 +13,14 @@
 
 #include "ccm/internal.h"
 #include "ccm/message.h"
+#include "integration/agent_fake.h"
 #include "messenger/agent_session.h"
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using namespace agent_test;
 
 constexpr int kAgentID = 7;
-
-void put32(Bytes& b, size_t off, unsigned v) {
-  for (int i = 0; i < 4; i++)
-    b[off + i] = static_cast<unsigned char>(v >> (8 * i));
-}
-void put16(Bytes& b, size_t off, unsigned v) {
-  b[off] = static_cast<unsigned char>(v);
-  b[off + 1] = static_cast<unsigned char>(v >> 8);
-}
-void put_text(Bytes& b, size_t off, const std::string& s) {
-  std::memcpy(b.data() + off, s.data(), s.size());
-}
-unsigned get32(const Bytes& b, size_t off) {
-  return b[off] | b[off + 1] << 8 | b[off + 2] << 16 | static_cast<unsigned>(b[off + 3]) << 24;
-}
-unsigned get16(const Bytes& b, size_t off) {
-  return b[off] | b[off + 1] << 8;
-}
-
-// Head, message number and the version block at `ver` (an offset of the body).
-Bytes expected_body(size_t size, int client, size_t ver) {
-  Bytes b(size, 0);
-  put_text(b, 0, "MELD    03");
-  put16(b, 10, static_cast<unsigned short>(client));
-  put_text(b, ver, "12.2.0+build.2108               ");
-  put16(b, ver + 33, 12);
-  put16(b, ver + 35, 2);
-  put16(b, ver + 37, 0);
-  put_text(b, ver + 39, "  ");
-  return b;
-}
-
-// Checks the UTC time stamp at `off` and the seconds beside it at `off_t` against the clock,
-// then copies them into `want` so that the rest can be compared byte for byte.
-void check_time_and_adopt(const Bytes& got, Bytes& want, size_t off, size_t off_t) {
-  time_t sent = static_cast<time_t>(get32(got, off_t));
-  time_t now = time(nullptr);
-  EXPECT_LE(now - sent, 5);
-  EXPECT_GE(now - sent, 0);
-  tm utc;
-  gmtime_r(&sent, &utc);
-  const unsigned fields[6] = {
-      static_cast<unsigned>(utc.tm_year + 1900), static_cast<unsigned>(utc.tm_mon + 1),
-      static_cast<unsigned>(utc.tm_mday),        static_cast<unsigned>(utc.tm_hour),
-      static_cast<unsigned>(utc.tm_min),         static_cast<unsigned>(utc.tm_sec)};
-  for (int i = 0; i < 6; i++)
-    EXPECT_EQ(get16(got, off + 2 * i), fields[i]) << "field " << i;
-  EXPECT_EQ(get32(got, off + 12), 0u);
-  std::memcpy(want.data() + off, got.data() + off, 16);
-  std::memcpy(want.data() + off_t, got.data() + off_t, 4);
-}
 
 class JobMessagesTest : public ::testing::Test {
  protected:
@@ -152,7 +102,7 @@ TEST_F(JobMessagesTest, JobStatusBodies) {
     Bytes body = body_of(queued_frame(), 276);
     ASSERT_EQ(body.size(), 276u);
 
-    Bytes want = expected_body(276, c.client, 57);
+    Bytes want = meld_body(276, c.client, 57);
     put32(want, 20, 7);
     want[24] = static_cast<unsigned char>(c.status);
     // Text: at most 31 characters, a NUL, blanks to 32 bytes.
@@ -164,7 +114,7 @@ TEST_F(JobMessagesTest, JobStatusBodies) {
     put32(want, 128, static_cast<unsigned>(getpid()));
     put32(want, 132, static_cast<unsigned>(getppid()));
     put32(want, 136, static_cast<unsigned>(getpgrp()));
-    check_time_and_adopt(body, want, 108, 124);
+    EXPECT_TRUE(adopt_time(body, want, 108, 124));
     EXPECT_EQ(body, want);
   }
 }
@@ -191,12 +141,12 @@ TEST_F(JobMessagesTest, OutputViewBodies) {
     Bytes body = body_of(queued_frame(), 276);
     ASSERT_EQ(body.size(), 276u);
 
-    Bytes want = expected_body(276, 3, 25);
+    Bytes want = meld_body(276, 3, 25);
     put32(want, 20, 42);
     want[24] = 'O';
     want[88] = static_cast<unsigned char>(c.login);
     put_text(want, 89, c.file.substr(0, 187));
-    check_time_and_adopt(body, want, 68, 84);
+    EXPECT_TRUE(adopt_time(body, want, 68, 84));
     EXPECT_EQ(body, want);
   }
 }
@@ -231,7 +181,7 @@ TEST_F(JobMessagesTest, RegisterVariableBodies) {
     Bytes body = body_of(queued_frame(), c.body_len);
     ASSERT_EQ(body.size(), c.body_len);
 
-    Bytes want = expected_body(c.body_len, 1, 57);
+    Bytes want = meld_body(c.body_len, 1, 57);
     put32(want, 20, 9);
     want[24] = 'V';
     std::memset(want.data() + 25, ' ', 32);
@@ -242,7 +192,7 @@ TEST_F(JobMessagesTest, RegisterVariableBodies) {
       put_text(want, 328, c.value.substr(0, 1023));
       want[1352] = static_cast<unsigned char>(c.type);
     }
-    check_time_and_adopt(body, want, 100, 116);
+    EXPECT_TRUE(adopt_time(body, want, 100, 116));
     EXPECT_EQ(body, want);
   }
 }
