@@ -358,12 +358,22 @@ class Simulator {
 
   int port() const { return port_; }
 
-  // Stops the simulator with SIGTERM; its exit status, or -1 when it did not exit by itself.
+  // Stops the simulator with SIGTERM; its exit status, or -1 when a signal ended it.
   int stop() {
+    if (pid_ > 0) kill(pid_, SIGTERM);
+    return wait_exit(-1);
+  }
+
+  // Waits up to `timeout_ms` (-1: no limit) for the simulator to end by itself; its exit
+  // status, or -1 when it is still running or a signal ended it.
+  int wait_exit(int timeout_ms) {
     if (pid_ <= 0) return status_;
-    kill(pid_, SIGTERM);
+    long long deadline = now_ms() + timeout_ms;
     int st = 0;
-    waitpid(pid_, &st, 0);
+    while (waitpid(pid_, &st, timeout_ms < 0 ? 0 : WNOHANG) == 0) {
+      if (now_ms() >= deadline) return -1;
+      usleep(5000);
+    }
     pid_ = 0;
     if (reader_.joinable()) reader_.join();
     close(out_);
