@@ -9,6 +9,7 @@
 
 #include "common/strutil.h"
 #include "common/trace_log.h"
+#include "messenger/agent_session.h"
 #include "messenger/arguments.h"
 #include "messenger/hooks.h"
 #include "messenger/report.h"
@@ -69,6 +70,6 @@ int run_messenger(int argc, char** argv) {
   }
   parse_arguments(pcx, argc, argv);
   print_report(pcx);
-  // The job's return code for an end event (the system keeps its low 8 bits), else 0.
-  return pcx->melder_type == kMelderEnd ? pcx->reti : 0;
+  // Connection, job message, reply and shutdown; the exit status of the run.
+  return run_agent_session(pcx);
 }

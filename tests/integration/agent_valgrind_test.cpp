@@ -1,0 +1,64 @@
+// Whole messenger runs under valgrind's memcheck against the agent simulator: no memory
+// error and no block left at exit, whether the event is delivered, the agent stays silent or
+// the connection is refused. Skipped in sanitizer builds and where valgrind is missing.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "integration/agent_fake.h"
+
+namespace {
+
+using namespace agent_test;
+
+constexpr int kValgrindError = 99;
+
+bool valgrind_usable() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return false;
+#else
+  return access("/usr/bin/valgrind", X_OK) == 0;
+#endif
+}
+
+TEST(AgentValgrind, WholeRunsLeaveNothing) {
+  if (!valgrind_usable()) GTEST_SKIP() << "valgrind not usable in this build";
+  struct Case {
+    const char* name;
+    const char* mode;  // simulator mode; null: nothing listens
+    std::vector<std::string> args;
+  };
+  const Case cases[] = {
+      {"delivered", "normal", {"TYP=S", "JNR=1", "TXT=valgrind"}},
+      {"variable", "normal", {"TYP=V", "JNR=2", "NAME=X", "VALUE=1", "VTYPE=C"}},
+      {"silent agent", "silent", {"TYP=S", "JNR=3", "TIMEOUT=1"}},
+      {"refused", nullptr, {"TYP=S", "JNR=4", "RETRY=1"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::unique_ptr<Simulator> sim;
+    int port = refused_port();
+    if (c.mode != nullptr) {
+      sim = std::make_unique<Simulator>(std::vector<std::string>{"--mode", c.mode});
+      port = sim->port();
+      ASSERT_GT(port, 0);
+    }
+    std::vector<std::string> args = {"--leak-check=full",
+                                     "--show-leak-kinds=all",
+                                     "--errors-for-leak-kinds=all",
+                                     "--error-exitcode=" + std::to_string(kValgrindError),
+                                     messenger_path(),
+                                     "IPA=127.0.0.1",
+                                     "PNR=" + std::to_string(port),
+                                     "TRC=1"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    RunResult run = run_program("/usr/bin/valgrind", args, 60);
+    EXPECT_TRUE(run.exited);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.err.find("ERROR SUMMARY: 0 errors"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("All heap blocks were freed"), std::string::npos) << run.err;
+  }
+}
+
+}  // namespace
