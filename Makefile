@@ -41,7 +41,10 @@ test-fuzz:
 	  FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/run-fuzzers.sh build-fuzz/bin; \
 	else echo "no fuzz targets"; fi
 
-demo: build
+# Builds only the messenger and the agent simulator, then runs the messenger against it.
+demo:
+	$(CMAKE) -S . -B build $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	$(CMAKE) --build build -j$(JOBS) --target qx_jpmd qx_agentsim_tool
 	@scripts/demo.sh build/bin
 
 bench:
