@@ -28,7 +28,7 @@ class AgentSessionTest : public ::testing::Test {
     pcx_.status = 'E';
     pcx_.output_login = 'N';
     pcx_.connect_wait = 120;
-    pcx_.IoTimeOut = 2;
+    pcx_.IoTimeOut = 5;
     pcx_.reti = 9;
     pcx_.jobnri = 5;
     std::strcpy(pcx_.ipAddr, "127.0.0.1");
@@ -68,9 +68,9 @@ TEST_F(AgentSessionTest, AttemptsAndPauses) {
     std::vector<long long> at = agent.accept_times();
     for (size_t i = 1; i < at.size(); i++) {
       EXPECT_GE(at[i] - at[i - 1], kPauseMs - 5);
-      EXPECT_LT(at[i] - at[i - 1], kPauseMs + 1000);
+      EXPECT_LT(at[i] - at[i - 1], kPauseMs + 3000);
     }
-    EXPECT_LT(elapsed_ms_, (c.attempts > 0 ? c.attempts - 1 : 0) * (kPauseMs + 1000) + 1000);
+    EXPECT_LT(elapsed_ms_, (c.attempts > 0 ? c.attempts - 1 : 0) * (kPauseMs + 3000) + 3000);
     EXPECT_EQ(ccm, nullptr);
   }
 }
@@ -103,8 +103,9 @@ TEST_F(AgentSessionTest, RefusedThenDelivered) {
   std::vector<Bytes> frames = agent->frames();
   ASSERT_EQ(frames.size(), 1u);
   EXPECT_EQ(std::string(frames[0].begin() + 63, frames[0].begin() + 71), "MELD    ");
-  // The reply came: nothing waits between it and the end of the session.
-  EXPECT_LT(elapsed_ms_, kPauseMs + 1500);
+  // The reply came: nothing waits between it and the end of the session (a wait for the
+  // time-out would take 5 seconds).
+  EXPECT_LT(elapsed_ms_, kPauseMs + 3000);
 }
 
 // The first connection is greeted wrongly and then closed by the agent: its close notice
