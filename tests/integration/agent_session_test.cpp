@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "ccm/internal.h"
 #include "common/trace_log.h"
 #include "integration/agent_fake.h"
 
@@ -106,6 +107,21 @@ TEST_F(AgentSessionTest, RefusedThenDelivered) {
   // The reply came: nothing waits between it and the end of the session (a wait for the
   // time-out would take 5 seconds).
   EXPECT_LT(elapsed_ms_, kPauseMs + 3000);
+}
+
+// Without a connection manager the run ends at once with the job's status.
+TEST_F(AgentSessionTest, NoContextNoAttempt) {
+  FakeAgent agent([](FakeAgent&, int&, int) {});
+  ASSERT_TRUE(agent.ok());
+  ccm_alloc = [](size_t size, const char* tag) -> void* {
+    return std::strcmp(tag, "CCM_OPEN") == 0 ? nullptr : ccm_alloc_default(size, tag);
+  };
+  int status = run(3, agent.port());
+  ccm_alloc = ccm_alloc_default;
+  EXPECT_EQ(status, 9);
+  EXPECT_EQ(pcx_.abnormal_end, 1);
+  EXPECT_EQ(agent.connections(), 0);
+  EXPECT_EQ(ccm, nullptr);
 }
 
 // The first connection is greeted wrongly and then closed by the agent: its close notice
