@@ -68,11 +68,24 @@ bool is_close_notice(const ccm_msg_t* msg) {
 
 enum class WaitResult { kMessage, kTimeout, kFailed };
 
+// Messages waiting in the receive queue.
+int received_count() {
+  int n = 0;
+  ccm_queue_lock(ccm);
+  for (ccm_msg_t* m = ccm->recvq.head; m != nullptr; m = m->nxt)
+    n++;
+  ccm_queue_unlock(ccm);
+  return n;
+}
+
 // Waits until `deadline` (monotonic milliseconds) for a message or notice of channel
 // `channelID`. Whatever belongs to another channel (a close notice of an earlier attempt, a
-// late frame on a rejected connection) is given back and traced. A deadline in the past
-// only looks at what is already queued.
-WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** out) {
+// late frame on a rejected connection) is given back and traced. So are the first `*early`
+// messages taken, when given: they were received before the caller sent anything, so none
+// of them answers it (a close notice still ends the wait). A deadline in the past only
+// looks at what is already queued.
+WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** out,
+                                int* early = nullptr) {
   *out = nullptr;
   for (;;) {
     ccm_error_t err{};
@@ -81,6 +94,14 @@ WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** o
     if (r < 0) return WaitResult::kFailed;
     if (r > 0 && msg != nullptr) {
       int id = channel_of(msg);
+      bool taken_early = early != nullptr && *early > 0;
+      if (taken_early) (*early)--;
+      if (id == channelID && taken_early && !is_close_notice(msg)) {
+        QX_TRACE("%s:      discarded a message of channel %d that came before the job message",
+                 kMain, id);
+        ccm_msg_free(ccm, msg);
+        continue;
+      }
       if (id == channelID) {
         *out = msg;
         return WaitResult::kMessage;
@@ -242,14 +263,16 @@ int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
     QX_TRACE("%s:      executordata arrived", kMain);
     ccm_msg_free(ccm, ccmmsg);
     ccmmsg = nullptr;
+    // Frames the agent sent along with its greeting are already queued: no reply among them.
+    int early = received_count();
     send_job_message(pcx);
 
-    // The reply and the writing of the job message share one time-out. A reply normally
-    // comes only after the job message was written; when anything came earlier (a frame
-    // the agent sent unasked, a failed wait), what is still queued gets the rest of the
+    // The reply and the writing of the job message share one time-out. A reply comes only
+    // after the job message was written, so once it is there nothing waits any more. When
+    // it does not come (or the wait fails), what is still queued gets the rest of the
     // time-out to reach the wire before the connection is closed.
     const long long deadline = now_ms() + timeout_ms;
-    WaitResult r = wait_channel_message(pcx->agentID, deadline, &ccmmsg);
+    WaitResult r = wait_channel_message(pcx->agentID, deadline, &ccmmsg, &early);
     if (r == WaitResult::kMessage && is_close_notice(ccmmsg)) {
       QX_TRACE("%s:      the agent closed the connection without a reply", kMain);
     }
