@@ -1,9 +1,9 @@
 // One whole event, from process start to exit, against a local agent that answers at once:
 // qx_jpmd beside min_client, a minimal plain-socket client that makes the same exchange and
-// sends the same frame. The two run alternately; the summary gives the median and 95th
-// percentile of each, their ratio, and each program's peak memory (VmHWM, read in separate
-// traced runs at the moment the process exits). The Google Benchmark cases that follow time each
-// program on its own.
+// sends the same frame. The two run alternately, for a start event and for an end event; the
+// summary gives, per event kind, the median and 95th percentile of each, their ratio, and each
+// program's peak memory (VmHWM, read in separate traced runs at the moment the process exits).
+// The Google Benchmark cases that follow time each program on its own.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <map>
@@ -149,14 +150,22 @@ double now_ms() {
   return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
 }
 
-const char* const kEventArgs[] = {"IPA=127.0.0.1", "TYP=S", "JNR=1", "TXT=benchmark"};
+// An event kind: its command-line arguments and the exit status both programs give for it.
+struct EventKind {
+  const char* name;
+  std::vector<const char*> args;
+  int status;
+};
+
+const EventKind kStart{"start", {"IPA=127.0.0.1", "TYP=S", "JNR=1", "TXT=benchmark"}, 0};
+const EventKind kEnd{"end", {"IPA=127.0.0.1", "TYP=E", "JNR=1", "RET=3", "TXT=benchmark"}, 3};
 
 // Starts `program` for one event with its standard output on /dev/null; `traced` makes the
 // child ask to be traced before it runs the program.
-pid_t start_event(const std::string& program, int port, bool traced) {
+pid_t start_event(const std::string& program, int port, const EventKind& kind, bool traced) {
   std::string pnr = "PNR=" + std::to_string(port);
   std::vector<const char*> argv = {program.c_str(), pnr.c_str()};
-  argv.insert(argv.end(), std::begin(kEventArgs), std::end(kEventArgs));
+  argv.insert(argv.end(), kind.args.begin(), kind.args.end());
   argv.push_back(nullptr);
   pid_t pid = fork();
   if (pid == 0) {
@@ -174,10 +183,10 @@ int exit_status(int st) {
 }
 
 // Times one event, from the fork to the child's exit.
-Sample time_event(const std::string& program, int port) {
+Sample time_event(const std::string& program, int port, const EventKind& kind) {
   Sample s;
   double start = now_ms();
-  pid_t pid = start_event(program, port, false);
+  pid_t pid = start_event(program, port, kind, false);
   int st = 0;
   waitpid(pid, &st, 0);
   s.ms = now_ms() - start;
@@ -187,9 +196,9 @@ Sample time_event(const std::string& program, int port) {
 
 // The peak memory of one event: VmHWM read when the process stops on its way out, before
 // its memory is released (an exited process no longer shows it). Traced, so not timed.
-Sample measure_event_memory(const std::string& program, int port) {
+Sample measure_event_memory(const std::string& program, int port, const EventKind& kind) {
   Sample s;
-  pid_t pid = start_event(program, port, true);
+  pid_t pid = start_event(program, port, kind, true);
   int st = 0;
   waitpid(pid, &st, 0);  // stopped at the start of the new program
   ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACEEXIT | PTRACE_O_EXITKILL);
@@ -231,7 +240,7 @@ Bytes comparable(Bytes f) {
   return f;
 }
 
-void compare(int rounds) {
+void compare(const EventKind& kind, int rounds) {
   Agent agent;
   const std::string programs[2] = {bin("qx_jpmd"), bin("min_client")};
   std::vector<double> ms[2];
@@ -240,15 +249,17 @@ void compare(int rounds) {
   int failed = 0;
   for (int r = 0; r < rounds; r++) {
     for (int p = 0; p < 2; p++) {
-      Sample s = time_event(programs[p], agent.port());
-      failed += s.status != 0;
+      Sample s = time_event(programs[p], agent.port(), kind);
+      failed += s.status != kind.status;
       ms[p].push_back(s.ms);
       frames[p] = agent.last_frame();
     }
   }
   for (int r = 0; r < 5; r++) {
     for (int p = 0; p < 2; p++) {
-      hwm[p] = std::max(hwm[p], measure_event_memory(programs[p], agent.port()).hwm_kb);
+      Sample s = measure_event_memory(programs[p], agent.port(), kind);
+      failed += s.status != kind.status;
+      hwm[p] = std::max(hwm[p], s.hwm_kb);
     }
   }
   double med[2], p95[2];
@@ -256,7 +267,7 @@ void compare(int rounds) {
     med[p] = percentile(ms[p], 0.5);
     p95[p] = percentile(ms[p], 0.95);
   }
-  printf("one whole event, %d rounds, run alternately (milliseconds)\n", rounds);
+  printf("one whole %s event, %d rounds, run alternately (milliseconds)\n", kind.name, rounds);
   printf("  %-10s median %7.3f  p95 %7.3f  VmHWM %6ld kB\n", "qx_jpmd", med[0], p95[0], hwm[0]);
   printf("  %-10s median %7.3f  p95 %7.3f  VmHWM %6ld kB\n", "min_client", med[1], p95[1], hwm[1]);
   printf("  ratio qx_jpmd / min_client: median %.2f  p95 %.2f\n", med[0] / med[1], p95[0] / p95[1]);
@@ -268,11 +279,11 @@ void BM_event(benchmark::State& state, const char* name) {
   Agent agent;
   const std::string program = bin(name);
   for (auto _ : state) {
-    Sample s = time_event(program, agent.port());
+    Sample s = time_event(program, agent.port(), kStart);
     state.SetIterationTime(s.ms / 1e3);
   }
   state.counters["VmHWM_kB"] =
-      static_cast<double>(measure_event_memory(program, agent.port()).hwm_kb);
+      static_cast<double>(measure_event_memory(program, agent.port(), kStart).hwm_kb);
 }
 BENCHMARK_CAPTURE(BM_event, qx_jpmd, "qx_jpmd")->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_event, min_client, "min_client")
@@ -282,7 +293,11 @@ BENCHMARK_CAPTURE(BM_event, min_client, "min_client")
 }  // namespace
 
 int main(int argc, char** argv) {
-  compare(200);
+  // QX_BENCH_ROUNDS sets the rounds of each comparison (200 unless given).
+  const char* rounds = getenv("QX_BENCH_ROUNDS");
+  const int n = rounds != nullptr && atoi(rounds) > 0 ? atoi(rounds) : 200;
+  compare(kStart, n);
+  compare(kEnd, n);
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "ccm_fixture.h"
 #include "common/trace_log.h"
+#include "support/ccm.h"
 
 namespace ccm_test {
 namespace {

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "ccm_fixture.h"
+#include "support/ccm.h"
 
 namespace ccm_test {
 namespace {

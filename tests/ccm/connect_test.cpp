@@ -11,7 +11,7 @@
 
 #include <gmock/gmock.h>
 
-#include "ccm_fixture.h"
+#include "support/ccm.h"
 
 namespace ccm_test {
 namespace {
@@ -51,11 +51,7 @@ class LoopbackPort {
 
 class ConnectTest : public CcmTest {
  protected:
-  void SetUp() override {
-    CcmTest::SetUp();
-    ccm_error_t err{};
-    ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err), 0);
-  }
+  ConnectTest() { wakeups_ = true; }
   bool network_woken() {
     fcntl(ccm_->network_wakeup[0], F_SETFL, O_NONBLOCK);
     char c = 0;

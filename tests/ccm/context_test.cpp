@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "ccm_fixture.h"
+#include "support/ccm.h"
 
 namespace ccm_test {
 namespace {

@@ -12,31 +12,17 @@
 #include <vector>
 
 #include "ccm/wire.h"
-#include "ccm_fixture.h"
 #include "common/protocol_header.h"
+#include "support/ccm.h"
 
 namespace {
 
 using ccm_test::CcmTest;
 using ccm_test::FailAllocations;
+using ccm_test::ipc_frame;
 
 int fcntl_nonblock(int fd) {
   return fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK) == -1 ? -1 : 0;
-}
-
-// An internal frame of `total` bytes: header, then a body of bytes that depend on `seed` and
-// their position, so that a misplaced byte shows.
-std::string ipc_frame(int total, int seed) {
-  std::string f(kProtocolHeaderSize, ' ');
-  char len[16];
-  std::snprintf(len, sizeof len, "%.8d", total);
-  f.replace(kProtoLengthOffset, 8, len);
-  f.replace(kProtoEyeCatchOffset, 10, kProtoEyeCatch);
-  f.replace(kProtoVersionOffset, 3, kProtoVersion);
-  f.replace(kProtoProtocolOffset, 3, "IPC");
-  for (int i = kProtocolHeaderSize; i < total; ++i)
-    f.push_back(static_cast<char>(seed * 31 + i));
-  return f;
 }
 
 std::string body_of(const std::string& frame) {

@@ -15,9 +15,9 @@
 
 #include "ccm/net_thread.h"
 #include "ccm/receive.h"
-#include "ccm_fixture.h"
 #include "common/protocol_header.h"
 #include "common/trace_log.h"
+#include "support/ccm.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include "ccm/receive.h"
 #include "ccm/send.h"
 #include "ccm/wire.h"
-#include "ccm_fixture.h"
+#include "support/ccm.h"
 
 namespace {
 

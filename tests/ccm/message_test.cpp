@@ -1,7 +1,7 @@
 #include <cstring>
 #include <vector>
 
-#include "ccm_fixture.h"
+#include "support/ccm.h"
 
 namespace ccm_test {
 namespace {

@@ -16,27 +16,18 @@
 #include "ccm/io.h"
 #include "ccm/receive.h"
 #include "ccm/send.h"
-#include "ccm_fixture.h"
 #include "common/protocol_header.h"
 #include "common/trace_log.h"
+#include "support/ccm.h"
 
 namespace {
 
 using ccm_test::CcmTest;
-
-std::string ipc_frame(int total, char fill) {
-  char head[64];  // room for any int in the length field
-  std::snprintf(head, sizeof head, "%.8d%-10s%-3s%-3s%-24s", total, kProtoEyeCatch, kProtoVersion,
-                "IPC", "");
-  return std::string(head, kProtocolHeaderSize) + std::string(total - kProtocolHeaderSize, fill);
-}
+using ccm_test::ipc_frame;
 
 class NetThreadTest : public CcmTest {
  protected:
-  void SetUp() override {
-    CcmTest::SetUp();
-    ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err_), 0);
-  }
+  NetThreadTest() { wakeups_ = true; }
 
   // A channel on one end of a socket pair; the other end is returned.
   int paired_channel(ccm_channel_t** ch, int name_fd = -1) {

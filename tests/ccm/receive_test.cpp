@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "ccm/ipc.h"
+#include "support/ccm.h"
 
 namespace {
 
@@ -19,13 +20,9 @@ double seconds_since(Clock::time_point t0) {
   return std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
-class ReceiveTest : public ::testing::Test {
+class ReceiveTest : public ccm_test::CcmTest {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(ccm_open(&app_, &ccm_, &err_), 0);
-    ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err_), 0);
-  }
-  void TearDown() override { ccm_close(ccm_, &err_); }
+  ReceiveTest() { wakeups_ = true; }
 
   // Queues an internal message for the main thread, as the reader or a channel close does.
   ccm_msg_t* deliver(const char* type) {
@@ -37,8 +34,6 @@ class ReceiveTest : public ::testing::Test {
     return m;
   }
 
-  ccm_app_context_head app_{"", 3};
-  ccm_context_t* ccm_ = nullptr;
   ccm_error_t err_{};
 };
 

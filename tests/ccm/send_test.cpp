@@ -7,18 +7,15 @@
 
 #include "ccm/receive.h"
 #include "ccm/wire.h"
+#include "support/ccm.h"
 
 namespace {
 
 using Bytes = std::string;
 
-class SendTest : public ::testing::Test {
+class SendTest : public ccm_test::CcmTest {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(ccm_open(&app_, &ccm_, &err_), 0);
-    ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err_), 0);
-  }
-  void TearDown() override { ccm_close(ccm_, &err_); }
+  SendTest() { wakeups_ = true; }
 
   ccm_msg_t* with_payload(const Bytes& payload) {
     ccm_msg_t* m =
@@ -37,14 +34,6 @@ class SendTest : public ::testing::Test {
     return Bytes(reinterpret_cast<const char*>(m->msg_start), m->len);
   }
 
-  static Bytes header(int length, const char* protocol, const Bytes& coding = Bytes(8, ' ')) {
-    char digits[16];  // room for any int, so the compiler sees no truncation
-    std::snprintf(digits, sizeof digits, "%.8d", length);
-    return Bytes(digits) + "QX7:global001" + protocol + coding + Bytes(16, ' ');
-  }
-
-  ccm_app_context_head app_{"", 3};
-  ccm_context_t* ccm_ = nullptr;
   ccm_error_t err_{};
 };
 
@@ -95,7 +84,7 @@ TEST_F(SendTest, ServerMessagesAreRoutedOutsideRunningModeZero) {
     const Bytes f = queued_frame();
     if (c.routed) {
       ASSERT_EQ(f.size(), 48u + 308 + payload.size());
-      EXPECT_EQ(f.substr(0, 48), header(static_cast<int>(f.size()), "IPC"));
+      EXPECT_EQ(f.substr(0, 48), ccm_test::frame_header(static_cast<int>(f.size()), "IPC"));
       EXPECT_EQ(f.substr(48, 16), Bytes("ROUTENAT\0\0\0\0\0\0\0\0", 16));
       ccm_addr_t addr;
       std::memcpy(&addr, f.data() + 48 + 16, sizeof addr);
@@ -124,14 +113,15 @@ TEST_F(SendTest, NativeGssAndIpcFramesGetTheirHeaders) {
     Bytes frame;
     int type;
   } cases[] = {
-      {"native", send_native_message, "\x04\x02hi", header(52, "NAT") + "\x04\x02hi", 0},
-      {"ipc", send_IPC_message, "LOGGING", header(55, "IPC") + "LOGGING", 3},
+      {"native", send_native_message, "\x04\x02hi",
+       ccm_test::frame_header(52, "NAT") + "\x04\x02hi", 0},
+      {"ipc", send_IPC_message, "LOGGING", ccm_test::frame_header(55, "IPC") + "LOGGING", 3},
       {"gss long coding",
        [](ccm_context_t* c, ccm_msg_t* m) { return send_GSS_message(c, m, "KERBEROS5X"); }, "tok",
-       header(51, "GSS", "KERBEROS") + "tok", 0},
+       ccm_test::frame_header(51, "GSS", "KERBEROS") + "tok", 0},
       {"gss short coding",
        [](ccm_context_t* c, ccm_msg_t* m) { return send_GSS_message(c, m, "K5"); }, "tok",
-       header(51, "GSS", "K5      ") + "tok", 0},
+       ccm_test::frame_header(51, "GSS", "K5      ") + "tok", 0},
   };
   for (const Case& c : cases) {
     ccm_msg_t* m = with_payload(c.body);

@@ -7,20 +7,13 @@
 #include <vector>
 
 #include "ccm/receive.h"
+#include "support/ccm.h"
 
 namespace {
 
 using Bytes = std::string;  // frames and bodies as byte strings
-
-Bytes header(int length, const char* protocol = "NAT") {
-  char digits[16];  // room for any int, so the compiler sees no truncation
-  std::snprintf(digits, sizeof digits, "%.8d", length);
-  return Bytes(digits) + "QX7:global001" + protocol + Bytes(24, ' ');
-}
-
-Bytes frame(const Bytes& body, const char* protocol = "NAT") {
-  return header(48 + static_cast<int>(body.size()), protocol) + body;
-}
+using ccm_test::frame;
+using ccm_test::frame_header;
 
 Bytes u16(unsigned v) {
   return Bytes{char(v & 0xFF), char(v >> 8)};
@@ -32,10 +25,10 @@ Bytes entry1(unsigned char key, const Bytes& d) {
   return Bytes{char(key), char(d.size())} + d;
 }
 
-class WireTest : public ::testing::Test {
+class WireTest : public ccm_test::CcmTest {
  protected:
   void SetUp() override {
-    ASSERT_EQ(ccm_open(&app_, &ccm_, &err_), 0);
+    CcmTest::SetUp();
     std::strcpy(ch_.name, "*ID7");
     ch_.ID = 7;
     ch_.s = 5;
@@ -43,8 +36,8 @@ class WireTest : public ::testing::Test {
   void TearDown() override {
     for (ccm_msg_t* m : msgs_)
       ccm_msg_free(ccm_, m);
-    ccm_close(ccm_, &err_);
     ccm_set_gss_classifier(nullptr);
+    CcmTest::TearDown();
   }
 
   // A received frame the way the reader hands it over, but placed at the very end of the
@@ -63,8 +56,6 @@ class WireTest : public ::testing::Test {
     return Bytes(reinterpret_cast<const char*>(m->msg_start), m->len);
   }
 
-  ccm_app_context_head app_{"", 3};
-  ccm_context_t* ccm_ = nullptr;
   ccm_error_t err_{};
   ccm_channel_t ch_{};
   std::vector<ccm_msg_t*> msgs_;
@@ -118,7 +109,7 @@ TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
   m->msg_start -= 48;
   m->len += 48;
   EXPECT_EQ(ccm_msg_set_protocol_header(m, "IPC"), 0);
-  EXPECT_EQ(data(m).substr(0, 48), header(55, "IPC"));
+  EXPECT_EQ(data(m).substr(0, 48), frame_header(55, "IPC"));
 }
 
 // Outgoing NAT bodies for the address combinations a sender can have.

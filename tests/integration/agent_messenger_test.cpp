@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "integration/agent_fake.h"
+#include "support/agent.h"
 
 namespace {
 
@@ -168,13 +168,14 @@ struct HostileCase {
   std::function<void(int& fd)> script;
   bool delivered;     // the job message reaches the agent
   const char* trace;  // a trace line the run must contain
+  int timeout = 1;    // TIMEOUT of the run: long enough for the agent's script on a busy host
 };
 
 class HostileAgents : public ::testing::TestWithParam<HostileCase> {};
 
 TEST_P(HostileAgents, RunEndsSoundly) {
   const HostileCase& c = GetParam();
-  constexpr int kTimeout = 1;
+  const int kTimeout = c.timeout;
   FakeAgent agent([&](FakeAgent& self, int& fd, int) {
     if (c.script) c.script(fd);
     Bytes rest;
@@ -261,7 +262,7 @@ INSTANTIATE_TEST_SUITE_P(
                         usleep(2000);
                       }
                     },
-                    true, kNormal},
+                    true, kNormal, 5},
         HostileCase{"never_replies", [](int& fd) { write_all(fd, native_frame("mute")); }, true,
                     kNormal}),
     [](const auto& info) { return std::string(info.param.name); });

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <string>
 
-#include "integration/agent_fake.h"
+#include "support/agent.h"
 
 namespace {
 

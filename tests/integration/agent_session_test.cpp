@@ -12,7 +12,7 @@
 
 #include "ccm/internal.h"
 #include "common/trace_log.h"
-#include "integration/agent_fake.h"
+#include "support/agent.h"
 
 namespace {
 

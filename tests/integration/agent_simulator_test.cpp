@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "integration/agent_fake.h"
+#include "support/agent.h"
 
 namespace {
 

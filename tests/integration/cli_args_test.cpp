@@ -10,16 +10,16 @@
 #include <string>
 #include <vector>
 
-#include "cmd_process.h"
+#include "support/process.h"
 
 namespace {
 
 const char kVersionLine[] = "QX7 Agent \"%s\" version 12.2.0+build.2108, changelist '1530016094'\n";
 
-qxtest::ProgramRun Jpmd(std::vector<std::string> args) {
+qxtest::RunResult Jpmd(std::vector<std::string> args) {
   // These runs are about the command line: no connection attempts (no 120-second pauses).
   if (args.size() != 1 || args[0] != "-V") args.push_back("RETRY=0");
-  auto run = qxtest::RunProgram(qxtest::ProgramPath("qx_jpmd"), args);
+  auto run = qxtest::run_program(qxtest::bin_path("qx_jpmd"), args);
   EXPECT_EQ(run.err, "") << "standard error must stay empty";
   return run;
 }
@@ -41,21 +41,21 @@ std::string VersionLine(const char* name) {
 TEST(Version, LoneDashVPrintsTheLineAndExitsZero) {
   const auto run = Jpmd({"-V"});
   EXPECT_EQ(run.out, VersionLine("qx_jpmd"));
-  EXPECT_EQ(run.exit_status, 0);
+  EXPECT_EQ(run.status, 0);
 }
 
 TEST(Version, ProgramNameComesFromArgvZero) {
   char dir[] = "/tmp/qx_cli_XXXXXX";
   ASSERT_NE(mkdtemp(dir), nullptr);
   const std::string link = std::string(dir) + "/my_messenger";
-  ASSERT_EQ(symlink(qxtest::ProgramPath("qx_jpmd").c_str(), link.c_str()), 0);
-  const auto run = qxtest::RunProgram(link, {"-V"});
+  ASSERT_EQ(symlink(qxtest::bin_path("qx_jpmd").c_str(), link.c_str()), 0);
+  const auto run = qxtest::run_program(link, {"-V"});
   EXPECT_EQ(run.out, VersionLine("my_messenger"));
-  EXPECT_EQ(run.exit_status, 0);
+  EXPECT_EQ(run.status, 0);
   // A name longer than 255 characters is cut.
   const std::string long_link = std::string(dir) + "/" + std::string(255, 'n');
-  ASSERT_EQ(symlink(qxtest::ProgramPath("qx_jpmd").c_str(), long_link.c_str()), 0);
-  const auto long_run = qxtest::RunProgram(long_link, {"-V"});
+  ASSERT_EQ(symlink(qxtest::bin_path("qx_jpmd").c_str(), long_link.c_str()), 0);
+  const auto long_run = qxtest::run_program(long_link, {"-V"});
   EXPECT_EQ(long_run.out, VersionLine(std::string(255, 'n').c_str()));
   unlink(link.c_str());
   unlink(long_link.c_str());
@@ -66,13 +66,13 @@ TEST(Version, DashVWithOtherArgumentsIsAnIgnoredKey) {
   const auto run = Jpmd({"-V", "TRC=1"});
   EXPECT_EQ(run.out.find("QX7 Agent"), std::string::npos);
   EXPECT_NE(run.out.find("RESTART AT"), std::string::npos);
-  EXPECT_EQ(run.exit_status, 0);
+  EXPECT_EQ(run.status, 0);
   EXPECT_EQ(Jpmd({"-v"}).out.find("QX7 Agent"), std::string::npos);  // case-sensitive
 }
 
 TEST(Trace, EveryNonReportLineHasTheTraceShape) {
   const auto run = Jpmd({"JNR=9", "TRC=1", "TYP=S", "TXT=traced"});
-  EXPECT_EQ(run.exit_status, 0);
+  EXPECT_EQ(run.status, 0);
   const std::regex trace(R"(^[0-9A-F]{8,}         \d{8}/\d{6}\.\d{3} - (.*)$)");
   std::vector<std::string> texts;
   int report_lines = 0;
@@ -114,14 +114,14 @@ TEST(Trace, WithoutTrcOnlyTheReport) {
 TEST(Cmd, RunsTheCommandWithoutReportAndExitsZeroOrOne) {
   auto run = Jpmd({"CMD=echo run; exit 0", "TYP=E", "RET=9"});
   EXPECT_EQ(run.out, "run\n");
-  EXPECT_EQ(run.exit_status, 0);
+  EXPECT_EQ(run.status, 0);
   run = Jpmd({"TYP=E", "RET=9", "CMD=exit 7"});
   EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.exit_status, 1);
+  EXPECT_EQ(run.status, 1);
   run = Jpmd({"TRC=1", "cmd=true"});
   EXPECT_NE(run.out.find("processCmd(cmd=true) -->"), std::string::npos);
   EXPECT_NE(run.out.find("processCmd <-- (result=0)"), std::string::npos);
-  EXPECT_EQ(run.exit_status, 0);
+  EXPECT_EQ(run.status, 0);
 }
 
 TEST(BadInput, IsTakenCutOrIgnored) {
@@ -134,14 +134,14 @@ TEST(BadInput, IsTakenCutOrIgnored) {
       Jpmd({"UNKNOWN=1", "noequals", "JNR=", "=", "==", "TYP=S", "TXT=" + huge, "IPA=" + huge,
             std::string(50000, 'k') + "=" + std::string(49999, 'v'), "OUTFILE=" + high,
             "NAME=" + std::string(300, 'n'), high + "=" + high, "MNR=" + huge});
-  EXPECT_EQ(run.exit_status, 0);
+  EXPECT_EQ(run.status, 0);
   const auto lines = Lines(run.out);
   ASSERT_EQ(lines.size(), 6u);
   EXPECT_EQ(lines[4], "**  TEXT=\"" + std::string(63, 'h') + "\"                           **");
 
   const auto traced = Jpmd({"TRC=1", "TXT=" + huge, "TYP=V", "NAME=" + std::string(300, 'n'),
                             "VALUE=" + high, "VTYPE=" + high});
-  EXPECT_EQ(traced.exit_status, 0);
+  EXPECT_EQ(traced.status, 0);
   // The raw argument is traced cut to the trace line's limit.
   bool found_cut = false;
   for (const auto& line : Lines(traced.out)) {

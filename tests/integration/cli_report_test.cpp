@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "cmd_process.h"
+#include "support/process.h"
 
 namespace {
 
@@ -121,9 +121,9 @@ TEST_P(Report, ByteForByte) {
   // count only look once for the agent's answer; the others make no attempt at all.
   std::vector<std::string> args = c.args;
   args.push_back(args[0] == "TYP=0" || args[0] == "TYP=1" ? "TIMEOUT=NONE" : "RETRY=0");
-  const auto run = qxtest::RunProgram(qxtest::ProgramPath("qx_jpmd"), args);
+  const auto run = qxtest::run_program(qxtest::bin_path("qx_jpmd"), args);
   EXPECT_EQ(run.err, "");
-  EXPECT_EQ(run.exit_status, c.exit_status);
+  EXPECT_EQ(run.status, c.exit_status);
   EXPECT_TRUE(std::regex_match(run.out, std::regex(Pattern(c.expected)))) << run.out;
 }
 
@@ -131,10 +131,12 @@ INSTANTIATE_TEST_SUITE_P(EventKinds, Report, testing::ValuesIn(Cases()),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST(ExitStatus, EndEventKeepsTheLowEightBits) {
-  const auto run = qxtest::RunProgram(qxtest::ProgramPath("qx_jpmd"), {"TYP=E", "RET=300", "RETRY=0"});
-  EXPECT_EQ(run.exit_status, 44);
-  const auto start = qxtest::RunProgram(qxtest::ProgramPath("qx_jpmd"), {"TYP=S", "RET=300", "RETRY=0"});
-  EXPECT_EQ(start.exit_status, 0);
+  const auto run =
+      qxtest::run_program(qxtest::bin_path("qx_jpmd"), {"TYP=E", "RET=300", "RETRY=0"});
+  EXPECT_EQ(run.status, 44);
+  const auto start =
+      qxtest::run_program(qxtest::bin_path("qx_jpmd"), {"TYP=S", "RET=300", "RETRY=0"});
+  EXPECT_EQ(start.status, 0);
 }
 
 }  // namespace

@@ -8,15 +8,15 @@
 #include <sstream>
 #include <string>
 
-#include "integration/cmd_process.h"
 #include "scramble/scramble.h"
+#include "support/process.h"
 
 namespace {
 
-using qxtest::ProgramPath;
-using qxtest::RunProgram;
+using qxtest::bin_path;
+using qxtest::run_program;
 
-const std::string kMessenger = ProgramPath("qx_jpmd");
+const std::string kMessenger = bin_path("qx_jpmd");
 
 // The scrambled text of `value` with the "--10" header (or 0xAD 0xAD with `magic`).
 std::string Scrambled(const std::string& value, bool magic = false) {
@@ -39,8 +39,8 @@ std::string Upper(std::string s) {
   return s;
 }
 
-qxtest::ProgramRun RunCmd(const std::string& command) {
-  return RunProgram(kMessenger, {"CMD=" + command});
+qxtest::RunResult RunCmd(const std::string& command) {
+  return run_program(kMessenger, {"CMD=" + command});
 }
 
 TEST(CmdExec, PasswordsAreReplacedInPlace) {
@@ -69,7 +69,7 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.command);
     const auto run = RunCmd(c.command);
-    EXPECT_EQ(run.exit_status, 0);
+    EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out, c.output);
     EXPECT_EQ(run.err, "");
   }
@@ -96,11 +96,11 @@ TEST(CmdExec, ExitStatusFollowsTheCommand) {
   const Case cases[] = {{"true", 0}, {"false", 1}, {"exit 7", 1}, {"", 0}, {"kill -9 $$", 1}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.command);
-    EXPECT_EQ(RunCmd(c.command).exit_status, c.status);
+    EXPECT_EQ(RunCmd(c.command).status, c.status);
   }
   // Arguments after CMD are not looked at, and no report is printed.
-  const auto run = RunProgram(kMessenger, {"TYP=S", "CMD=printf done", "TRC=1"});
-  EXPECT_EQ(run.exit_status, 0);
+  const auto run = run_program(kMessenger, {"TYP=S", "CMD=printf done", "TRC=1"});
+  EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out, "done");
 }
 
@@ -110,9 +110,9 @@ TEST(CmdExec, TraceShowsOnlyTheScrambledCommand) {
   const std::string dir = dir_template;
   const std::string clear = "Tr4ced-N0t";
   const std::string text = Scrambled(clear);
-  const auto run =
-      RunProgram(kMessenger, {"TRC=1", "CMD=printf %s " + text + " > secret.txt"}, "", dir.c_str());
-  EXPECT_EQ(run.exit_status, 0);
+  const auto run = run_program(kMessenger, {"TRC=1", "CMD=printf %s " + text + " > secret.txt"}, 30,
+                               "", dir.c_str());
+  EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.err, "");
   EXPECT_NE(run.out.find("processCmd(cmd=printf %s " + text + " > secret.txt) -->"),
             std::string::npos)

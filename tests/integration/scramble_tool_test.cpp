@@ -8,15 +8,15 @@
 
 #include <string>
 
-#include "integration/cmd_process.h"
 #include "scramble/scramble.h"
+#include "support/process.h"
 
 namespace {
 
-using qxtest::ProgramPath;
-using qxtest::RunProgram;
+using qxtest::bin_path;
+using qxtest::run_program;
 
-const std::string kTool = ProgramPath("qx_scramble");
+const std::string kTool = bin_path("qx_scramble");
 
 std::string Unscramble(std::string text, const char* key) {
   char clear[512] = {};
@@ -33,8 +33,8 @@ TEST(ScrambleTool, ScramblesStandardInputForTheMessenger) {
   for (const std::string& value : {std::string("hunter2"), std::string("with blank & $ign"),
                                    std::string(""), std::string(119, 'z')}) {
     SCOPED_TRACE(value);
-    const auto run = RunProgram(kTool, {}, value + "\n");
-    ASSERT_EQ(run.exit_status, 0) << run.out;
+    const auto run = run_program(kTool, {}, 30, value + "\n");
+    ASSERT_EQ(run.status, 0) << run.out;
     EXPECT_EQ(run.err, "");
     const std::string text = Chomp(run.out);
     EXPECT_EQ(text.substr(0, 4), "--10");
@@ -43,15 +43,15 @@ TEST(ScrambleTool, ScramblesStandardInputForTheMessenger) {
     std::string lower = text;
     for (char& c : lower)
       c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    const auto back = RunProgram(kTool, {"-d"}, lower + "\n");
-    EXPECT_EQ(back.exit_status, 0);
+    const auto back = run_program(kTool, {"-d"}, 30, lower + "\n");
+    EXPECT_EQ(back.status, 0);
     EXPECT_EQ(back.out, value + "\n");
   }
 }
 
 TEST(ScrambleTool, KeyAndHeaderOptions) {
-  const auto run = RunProgram(kTool, {"-k", "other", "-m"}, "pw");  // no newline at the end
-  ASSERT_EQ(run.exit_status, 0);
+  const auto run = run_program(kTool, {"-k", "other", "-m"}, 30, "pw");  // no newline at the end
+  ASSERT_EQ(run.status, 0);
   const std::string text = Chomp(run.out);
   EXPECT_EQ(text.substr(0, 4),
             "\xAD\xAD"
@@ -77,13 +77,13 @@ TEST(ScrambleTool, RefusalsGoToStandardOutput) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args.empty() ? c.input : c.args[0]);
-    const auto run = RunProgram(kTool, c.args, c.input);
-    EXPECT_EQ(run.exit_status, c.status);
+    const auto run = run_program(kTool, c.args, 30, c.input);
+    EXPECT_EQ(run.status, c.status);
     EXPECT_EQ(run.err, "");
     EXPECT_NE(run.out.find("qx_scramble"), std::string::npos);
   }
-  const auto help = RunProgram(kTool, {"-h"});
-  EXPECT_EQ(help.exit_status, 0);
+  const auto help = run_program(kTool, {"-h"});
+  EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.out.find("usage: qx_scramble"), std::string::npos);
 }
 

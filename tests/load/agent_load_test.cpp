@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "integration/agent_fake.h"
+#include "support/agent.h"
 
 namespace {
 
@@ -25,19 +25,6 @@ void raise_descriptor_limit(rlim_t want) {
     rl.rlim_cur = want;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &rl), 0);
   }
-}
-
-int connect_loopback(int port) {
-  int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  if (connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-    close(s);
-    return -1;
-  }
-  return s;
 }
 
 // A job status MELD frame for job `job`, built by hand.

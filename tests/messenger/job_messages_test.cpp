@@ -13,7 +13,7 @@
 
 #include "ccm/internal.h"
 #include "ccm/message.h"
-#include "integration/agent_fake.h"
+#include "support/agent.h"
 #include "messenger/agent_session.h"
 
 namespace {

@@ -1,11 +1,12 @@
 // Test support for the connection manager: a context opened for each test, a way to make
-// chosen allocations fail, and small views of the context's lists.
-#ifndef QX_TESTS_CCM_CCM_FIXTURE_H_
-#define QX_TESTS_CCM_CCM_FIXTURE_H_
+// chosen allocations fail, small views of the context's lists, and frame builders.
+#ifndef QX_TESTS_SUPPORT_CCM_H_
+#define QX_TESTS_SUPPORT_CCM_H_
 
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -14,6 +15,28 @@
 #include "ccm/internal.h"
 
 namespace ccm_test {
+
+// The 48-byte header of a frame of `total` bytes; `coding` fills the 8 bytes behind the
+// protocol name.
+inline std::string frame_header(int total, const char* protocol = "NAT",
+                                const std::string& coding = std::string(8, ' ')) {
+  char digits[16];  // room for any int, so the compiler sees no truncation
+  std::snprintf(digits, sizeof digits, "%.8d", total);
+  return std::string(digits) + "QX7:global001" + protocol + coding + std::string(16, ' ');
+}
+
+inline std::string frame(const std::string& body, const char* protocol = "NAT") {
+  return frame_header(48 + static_cast<int>(body.size()), protocol) + body;
+}
+
+// An internal frame of `total` bytes whose body bytes depend on `seed` and their position,
+// so that a misplaced byte shows.
+inline std::string ipc_frame(int total, int seed) {
+  std::string f = frame_header(total, "IPC");
+  for (int i = 48; i < total; ++i)
+    f.push_back(static_cast<char>(seed * 31 + i));
+  return f;
+}
 
 // Allocations whose tag equals `fail_tag` fail while it is set.
 inline const char* fail_tag = nullptr;
@@ -56,6 +79,9 @@ class CcmTest : public ::testing::Test {
     app_.running_mode = 3;
     ccm_error_t err{};
     ASSERT_EQ(ccm_open(&app_, &ccm_, &err), 0) << err.msginsert;
+    if (wakeups_) {
+      ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err), 0);
+    }
   }
 
   void TearDown() override {
@@ -105,10 +131,11 @@ class CcmTest : public ::testing::Test {
     return types;
   }
 
+  bool wakeups_ = false;  // set in a constructor to create the wake-up pipes
   ccm_app_context_head app_{};
   ccm_context_t* ccm_ = nullptr;
 };
 
 }  // namespace ccm_test
 
-#endif  // QX_TESTS_CCM_CCM_FIXTURE_H_
+#endif  // QX_TESTS_SUPPORT_CCM_H_

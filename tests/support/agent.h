@@ -1,12 +1,11 @@
 // Test support for runs of the real messenger against agents written here with plain
-// sockets: frame builders and readers, a scripted fake agent on a loopback port, a runner
-// that starts qx_jpmd and collects its exit, output and duration, and the expected bytes of
-// the job message bodies.
+// sockets: frame builders and readers, a scripted fake agent on a loopback port, the agent
+// simulator, and the expected bytes of the job message bodies.
 //
 // Nothing here uses the connection manager: the fake agents speak the wire format from
 // their own few lines, so that a fault in the system's framing cannot hide itself.
-#ifndef QX_TESTS_INTEGRATION_AGENT_FAKE_H_
-#define QX_TESTS_INTEGRATION_AGENT_FAKE_H_
+#ifndef QX_TESTS_SUPPORT_AGENT_H_
+#define QX_TESTS_SUPPORT_AGENT_H_
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -29,15 +28,15 @@
 #include <thread>
 #include <vector>
 
+#include "support/process.h"
+
 namespace agent_test {
 
 using Bytes = std::vector<unsigned char>;
 
-inline long long now_ms() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
+using qxtest::now_ms;
+using qxtest::run_program;
+using qxtest::RunResult;
 
 // ---- Frames ---------------------------------------------------------------------------------
 
@@ -164,6 +163,20 @@ inline int listen_loopback(int* port, int backlog = 64) {
   return s;
 }
 
+// A client socket connected to a loopback port; -1 on failure.
+inline int connect_loopback(int port) {
+  int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(static_cast<uint16_t>(port));
+  if (connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+    close(s);
+    return -1;
+  }
+  return s;
+}
+
 // A loopback port on which nothing listens (connections to it are refused).
 inline int refused_port() {
   int port = 0;
@@ -244,72 +257,6 @@ class FakeAgent {
 };
 
 // ---- Running the messenger -------------------------------------------------------------------
-
-struct RunResult {
-  bool exited = false;  // ended by exit (not by a signal, not killed for running too long)
-  int status = -1;      // exit status when `exited`
-  int signal = 0;       // the signal that ended it, 0 when none
-  std::string out;      // standard output
-  std::string err;      // standard error
-  double secs = 0;      // from start to exit
-};
-
-// Runs `program` with `args`, killing it after `limit_secs`.
-inline RunResult run_program(const std::string& program, const std::vector<std::string>& args,
-                             int limit_secs = 30) {
-  RunResult run;
-  int out[2], err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return run;
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(program.c_str()));
-  for (const auto& a : args)
-    argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  long long start = now_ms();
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out[1], 1);
-    dup2(err[1], 2);
-    execv(program.c_str(), argv.data());
-    _exit(127);
-  }
-  close(out[1]);
-  close(err[1]);
-  bool killed = false;
-  std::string* sinks[2] = {&run.out, &run.err};
-  int fds[2] = {out[0], err[0]};
-  int open_fds = 2;
-  char buf[4096];
-  while (open_fds > 0) {
-    long long left = start + limit_secs * 1000LL - now_ms();
-    if (left <= 0 && !killed) {
-      kill(pid, SIGKILL);
-      killed = true;
-    }
-    pollfd p[2] = {{fds[0], POLLIN, 0}, {fds[1], POLLIN, 0}};
-    poll(p, 2, killed ? 1000 : static_cast<int>(std::min(left, 1000LL)));
-    for (int i = 0; i < 2; i++) {
-      if (fds[i] < 0 || p[i].revents == 0) continue;
-      ssize_t r = read(fds[i], buf, sizeof buf);
-      if (r > 0) {
-        sinks[i]->append(buf, static_cast<size_t>(r));
-      } else if (r == 0 || errno != EINTR) {
-        close(fds[i]);
-        fds[i] = -1;
-        open_fds--;
-      }
-    }
-  }
-  int st = 0;
-  waitpid(pid, &st, 0);
-  run.secs = (now_ms() - start) / 1000.0;
-  if (WIFEXITED(st) && !killed) {
-    run.exited = true;
-    run.status = WEXITSTATUS(st);
-  }
-  if (WIFSIGNALED(st)) run.signal = WTERMSIG(st);
-  return run;
-}
 
 inline std::string messenger_path() {
   return std::string(QX_BIN_DIR) + "/qx_jpmd";
@@ -484,4 +431,4 @@ inline bool adopt_time(const Bytes& got, Bytes& want, size_t off, size_t off_t) 
 
 }  // namespace agent_test
 
-#endif  // QX_TESTS_INTEGRATION_AGENT_FAKE_H_
+#endif  // QX_TESTS_SUPPORT_AGENT_H_
