@@ -13,8 +13,8 @@
 
 #include "ccm/internal.h"
 #include "ccm/message.h"
-#include "support/agent.h"
 #include "messenger/agent_session.h"
+#include "support/agent.h"
 
 namespace {
 
