@@ -46,9 +46,9 @@ int __log(int msgnr, const char* insert, ...) QX_PRINTF(2, 3);
 int __log_set_logger(logger_function_t* function_pointer);
 
 // Traces when tracing is on; the arguments are not evaluated otherwise.
-#define QX_TRACE(...)                                \
-  do {                                               \
-    if (trc_level()) __trace_text(0, __VA_ARGS__);   \
+#define QX_TRACE(...)                              \
+  do {                                             \
+    if (trc_level()) __trace_text(0, __VA_ARGS__); \
   } while (0)
 
 #endif  // QX_COMMON_TRACE_LOG_H_

@@ -114,7 +114,8 @@ TEST(CnvIntToChar, RightAlignedIn32CharacterField) {
     char area[33];
     const char* first = CnvIntToChar(strtoull(digits, nullptr, 10), area, sizeof area);
     EXPECT_STREQ(digits, first);
-    EXPECT_EQ(std::string(32 - strlen(digits), ' '), std::string(static_cast<const char*>(area), first));
+    EXPECT_EQ(std::string(32 - strlen(digits), ' '),
+              std::string(static_cast<const char*>(area), first));
   }
   char area[40];
   EXPECT_EQ(area, CnvIntToChar(0, area, sizeof area));
