@@ -85,7 +85,9 @@ TEST(CmdExec, DigitRunsEndAfter251Digits) {
   // of blocks, so the text stays as written (digits upper-case) and the rest follows as it is.
   const std::string too_long = Lower(Scrambled(std::string(127, 'T')));
   run = RunCmd("printf '[%s]' " + too_long);
-  EXPECT_EQ(run.out, "[" + Upper(too_long.substr(0, 4 + 251)) + too_long.substr(4 + 251) + "]");
+  std::string expected = "[";
+  expected.append(Upper(too_long.substr(0, 4 + 251))).append(too_long.substr(4 + 251)).append("]");
+  EXPECT_EQ(run.out, expected);
 }
 
 TEST(CmdExec, ExitStatusFollowsTheCommand) {
