@@ -2,6 +2,7 @@
 #include "messenger/driver.h"
 
 #include <errno.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
@@ -56,6 +57,10 @@ int initialize_messenger(PCX* pcx) {
 }
 
 int run_messenger(int argc, char** argv) {
+  // A run has two threads and a handful of allocations: one malloc arena serves both. A
+  // second arena would cost the network thread a 64 MiB address reservation, trimmed again
+  // at once, and its first page faults on every run.
+  mallopt(M_ARENA_MAX, 1);
   // Numbered events of the layers below reach the job's log through the messenger's logger.
   __log_set_logger(messenger_logger);
   pcx = &spcx;
