@@ -61,6 +61,10 @@ int run_messenger(int argc, char** argv) {
   // second arena would cost the network thread a 64 MiB address reservation, trimmed again
   // at once, and its first page faults on every run.
   mallopt(M_ARENA_MAX, 1);
+  // Message areas (64 KiB and more) come straight from fresh mapped pages, which are zero
+  // already: their zero fill costs nothing, and only the pages a message really uses are
+  // ever touched (a few of 17). A run holds two or three of them.
+  mallopt(M_MMAP_THRESHOLD, 64 * 1024);
   // Numbered events of the layers below reach the job's log through the messenger's logger.
   __log_set_logger(messenger_logger);
   pcx = &spcx;
