@@ -1,0 +1,370 @@
+// String utilities, dates under a time zone the test sets, trace and log output.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <regex>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "common/dates.h"
+#include "common/strutil.h"
+#include "common/trace_log.h"
+
+namespace {
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+// Word mode (n > 0), rest mode (-2) and the whole text (-1), at the limits of the area; nothing
+// is written behind the area.
+TEST(GetWordDelimited, ModesAndLimits) {
+  struct Case {
+    const char* src;
+    char delim;
+    int n, dst_len;
+    const char* want;
+    int ret;
+  } cases[] = {
+      {"JNR=4711", '=', 1, 64, "JNR", 3}, {"JNR=4711", '=', -2, 64, "4711", 4},
+      {"CMD=a=b", '=', -2, 64, "a=b", 3}, {"CMD=a=b", '=', 2, 64, "a", 1},
+      {"KEY", '=', -2, 64, "", 0},        {"KEY=", '=', -2, 64, "", 0},
+      {"KEY", '=', 1, 64, "KEY", 3},      {"a,,b", ',', 2, 64, "", 0},
+      {"a,,b", ',', 3, 64, "b", 1},       {"a,,b", ',', 4, 64, "", 0},
+      {"a,,b", ',', 0, 64, "", 0},        {"a,,b", ',', -1, 64, "a,,b", 4},
+      {"=v", '=', 1, 64, "", 0},          {" a , b", ',', 2, 64, " b", 2},
+      {"abcdef", ',', 1, 4, "abc", 4},    {"abc,x", ',', 1, 4, "abc", 3},
+      {"abcd,x", ',', 1, 4, "abc", 4},    {"abcd", ',', 1, 1, "", 1},
+      {"k=abcdef", '=', -2, 4, "abc", 3}, {"k=abc", '=', -2, 4, "abc", 3},
+      {"k=ab", '=', -2, 8, "ab", 2},
+  };
+  for (const Case& c : cases) {
+    char dst[64];
+    memset(dst, 'X', sizeof dst);
+    EXPECT_EQ(get_word_delimited(c.src, c.delim, c.n, dst, c.dst_len), c.ret) << c.src << c.n;
+    EXPECT_STREQ(dst, c.want) << c.src << " " << c.n;
+    EXPECT_EQ(std::string(dst + c.dst_len, 64 - c.dst_len), std::string(64 - c.dst_len, 'X'));
+    const std::string rest(dst, c.dst_len);  // rest mode clears the area behind a short text
+    EXPECT_TRUE(c.n != -2 || rest.find_first_not_of('\0', strlen(c.want)) == rest.npos) << c.src;
+  }
+}
+
+// Copies and appends are cut to the area less one, always terminated, and leave the bytes
+// behind the area alone; null and non-positive sizes are harmless.
+TEST(StringCopy, BoundedAtTheLimit) {
+  using namespace std::string_literals;
+  const std::tuple<int, const char*, std::string> cases[] = {
+      {4, "abcdef", "abc\0X"s}, {4, "abc", "abc\0X"s}, {4, "abcd", "abc\0"s}, {4, "", "\0"s},
+      {4, nullptr, "\0"s},      {0, "abc", "\0X"s},    {-3, "abc", "X"s},
+  };
+  for (const auto& [size, src, area_after] : cases) {
+    char area[8];
+    memset(area, 'X', sizeof area);
+    StringCopy(area, size, src);
+    EXPECT_EQ(std::string(area, area_after.size()), area_after) << size << (src ? src : "null");
+  }
+  EXPECT_EQ(_StringCopy(nullptr, 4, "abc", __FILE__, __LINE__), nullptr);
+  char overlap[16] = "0123456789";  // an overlapping cut is a move
+  StringCopy(overlap, 5, overlap + 2);
+  EXPECT_STREQ(overlap, "2345");
+
+  char area[8] = "ab";
+  StringCat(area, sizeof area, "cdefghij");
+  EXPECT_STREQ(area, "abcdefg");
+  StringCat(area, sizeof area, "x");  // full: unchanged
+  EXPECT_STREQ(area, "abcdefg");
+  char unterminated[4] = {'a', 'b', 'c', 'd'};
+  StringCat(unterminated, sizeof unterminated, "x");
+  EXPECT_EQ(std::string(unterminated, 4), "abcd");
+  EXPECT_EQ(_StringCat(nullptr, 4, "x", __FILE__, __LINE__), nullptr);
+}
+
+// Blanks go, tabs stay; fixed fields are worked on within their length only.
+TEST(Blanks, StripAndFixedFields) {
+  struct {
+    const char *in, *stripped, *left, *right;
+  } cases[] = {{"  host  ", "host", "host  ", "  host"},
+               {"\thost\t ", "\thost\t", "\thost\t ", "\thost\t"},
+               {"    ", "", "", ""}};
+  for (const auto& c : cases) {
+    std::string a = c.in, b = c.in, d = c.in;
+    strip(a.data());
+    lstrip(b.data());
+    rstrip(d.data());
+    EXPECT_EQ(std::string(a.c_str()) + "|" + b.c_str() + "|" + d.c_str(),
+              std::string(c.stripped) + "|" + c.left + "|" + c.right);
+  }
+  char field[8] = {'x', ' ', ' ', ' ', 'y', 'y', 'y', 'y'};
+  EatTrailing(field, 4);
+  EXPECT_EQ(std::string(field, 8), std::string("x\0\0\0yyyy", 8));
+  char value[6];
+  EXPECT_STREQ(GetStringTh("ab   xyz", 8, value, sizeof value), "ab");
+  EXPECT_STREQ(GetStringTh("abcdefgh", 8, value, sizeof value), "abcde");
+  char h[4] = {'w', 'x', 'y', 'z'};
+  fix_len_reorg2(h, 4);  // no blank to drop: still terminated inside the field
+  EXPECT_STREQ(h, "wxy");
+  char text[] = "aZ\x80\xe4z-1";  // only ASCII letters change case, within the length
+  ToUpperCase(text, 3);
+  EXPECT_STREQ(text, "AZ\x80\xe4z-1");
+  strlow(text);
+  EXPECT_STREQ(text, "az\x80\xe4z-1");
+}
+
+TEST(Matching, MasksAndWildcards) {
+  struct {
+    const char *str, *mask;
+    int want;
+  } cases[] = {
+      {"abc", "a*", 1},
+      {"", "*", 1},
+      {"", "", 1},
+      {"abc", "a?c", 1},
+      {"abc", "a?", 0},
+      {"abcbc", "a*bc", 1},
+      {"abxbc", "*x*c", 1},
+      {"abc", "*d", 0},
+      {"abc", "abc**", 1},
+      {"ab", "abc", 0},
+      {"axxbxxc", "a*b*c", 1},
+      {"abcd", "a*c", 0},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(MyStrMatch(c.str, c.mask, '*', '?'), c.want) << c.str << " ~ " << c.mask;
+  EXPECT_EQ(MyStrMatch("a*c", "a*c", '\0', '\0'), 1);  // wildcards switched off
+
+  char s[] = "prefix.middle.suffix";
+  char mask[] = "*middle*";
+  EXPECT_EQ(strMatchPtr(s, "prefix", '*', '?'), s);  // no wildcard: a prefix
+  EXPECT_EQ(strMatchPtr(s, "suffix", '*', '?'), nullptr);
+  EXPECT_EQ(strMatchPtr(s, mask, '*', '?'), s + 7);
+  EXPECT_STREQ(mask, "*middle*");  // the mask is left as it was
+  EXPECT_EQ(strMatchPtr(s, "*middle", '*', '?'), nullptr);
+  EXPECT_EQ(strcstr(s, "m?d", '?'), s + 7);
+}
+
+TEST(TextHelpers, HexStringAndEnvironment) {
+  const unsigned char bytes[] = {'M', 'E', 'L', 'D', 0x01};
+  char out[128], small[6], big[1024];
+  GetHexString(bytes, sizeof bytes, out, sizeof out);
+  EXPECT_EQ(out, "'4D454C44 01'" + std::string(27, ' ') + ">MELD.<");
+  GetHexString(bytes, sizeof bytes, small, sizeof small);
+  EXPECT_STREQ(small, "'4D45");
+  const std::string many(600, '\xAB');
+  GetHexString(reinterpret_cast<const unsigned char*>(many.data()), 600, big, sizeof big);
+  EXPECT_EQ(strlen(big), 511u);  // the work text stops at 511 characters
+
+  setenv("QX_T_HOME", "/home/job", 1);
+  unsetenv("QX_T_UNSET");
+  EXPECT_EQ(ExpandEnvironmentStringsA("%QX_T_HOME%/log", out, sizeof out), 13);
+  EXPECT_STREQ(out, "/home/job/log");
+  ExpandEnvironmentStringsA("a%QX_T_UNSET%b|x%QX_T_HOME", out, sizeof out);
+  EXPECT_STREQ(out, "ab|x/home/job");
+  ExpandEnvironmentStringsA("%QX_T_HOME%", small, 5);
+  EXPECT_STREQ(small, "/hom");
+  ExpandEnvironmentStringsA(("%" + std::string(200, 'N') + "%").c_str(), out, sizeof out);
+  EXPECT_STREQ(out, "");
+}
+
+// Sets TZ for one test and restores the previous value afterwards.
+class TimeZone {
+ public:
+  explicit TimeZone(const char* tz) : old_(getenv("TZ") ? getenv("TZ") : "") {
+    setenv("TZ", tz, 1);
+    tzset();
+  }
+  ~TimeZone() {
+    old_.empty() ? unsetenv("TZ") : setenv("TZ", old_.c_str(), 1);
+    tzset();
+  }
+
+ private:
+  std::string old_;
+};
+
+TEST(GetDatumZeit2, LocalAndUtcSplitUnderTheZone) {
+  struct Case {
+    const char* tz;
+    time_t t;
+    int local_day, local_hour, utc_day, utc_hour;
+    const char* text;
+  } cases[] = {{"UTC0", 0, 1, 0, 1, 0, "19700101/000000"},
+               {"JST-9", 1795361405, 23, 0, 22, 15, "20261123/003005"}};  // UTC+9
+  for (const Case& c : cases) {
+    TimeZone tz(c.tz);
+    DATUM_BUFF dt;
+    memset(&dt, 0x5A, sizeof dt);
+    time_t t = c.t;
+    GetDatumZeit2(&t, &dt);
+    EXPECT_EQ(dt.dt_tag, c.local_day);
+    EXPECT_EQ(dt.dt_std, c.local_hour);
+    EXPECT_EQ(dt.utc_tag, c.utc_day);
+    EXPECT_EQ(dt.utc_std, c.utc_hour);
+    EXPECT_EQ(dt.dt_msek + dt.dt_usek + dt.dt_nsek + dt.utc_msek + dt.utc_nsek, 0);
+    EXPECT_STREQ(dt.dt_xdat, c.text);
+  }
+  DATUM_BUFF now;  // the current time carries milliseconds in its text
+  GetDatumZeit2(nullptr, &now);
+  ASSERT_EQ(strlen(now.dt_xdat), 19u);
+  EXPECT_EQ(now.dt_xdat[15], '.');
+  EXPECT_EQ(atoi(now.dt_xdat + 16), now.dt_msek);
+  EXPECT_EQ(now.dt_msek, now.utc_msek);
+  EXPECT_LT(now.dt_usek, 1000);
+  EXPECT_LE(llabs(static_cast<long long>(now.dt_time - time(nullptr))), 2);
+}
+
+TEST(DateTexts, CutToTheAreaAndLocalToUtc) {
+  TimeZone tz("CET-1");  // UTC+1, no daylight saving rule
+  time_t t = 0;
+  char area[32];
+  GetDtChar2(&t, area, 10);
+  EXPECT_STREQ(area, "19700101");
+  GetDtChar2(&t, area, sizeof area);
+  EXPECT_STREQ(area, "19700101/010000");
+  EXPECT_STREQ(GetDtChar(&t), "19700101/010000");
+
+  MSG_TYPE_TIMESTAMP zero = {}, ts = {2026, 1, 1, 0, 30, 15, 42};
+  zero.ns = 7;
+  MSG_TYPE_TIMESTAMP copy = zero;
+  EXPECT_EQ(CreateCharUtcTime(&copy), 0);  // an empty time stays as it is
+  EXPECT_EQ(memcmp(&copy, &zero, sizeof copy), 0);
+  EXPECT_EQ(CreateCharUtcTime(&ts), 0);
+  const MSG_TYPE_TIMESTAMP utc = {2025, 12, 31, 23, 30, 15, 42};
+  EXPECT_EQ(memcmp(&ts, &utc, sizeof ts), 0);
+
+  struct timeval start = {0, 0};
+  EXPECT_EQ(GetUsec(&start, 0), 0);  // starts the stopwatch
+  start.tv_sec -= 2;
+  const int us = GetUsec(&start, 1);
+  EXPECT_GE(us, 2000000);
+  EXPECT_LT(us, 3000000);
+  EXPECT_EQ(GetUsec(nullptr, 1), 0);
+}
+
+TEST(Sec2hhmmss, Formats) {
+  const std::pair<int, const char*> cases[] = {
+      {59, "00:00:59"}, {360000, "100:00:00"}, {-61, "00:-01:-01"}, {0, "00:00:00"}};
+  for (auto [sec, text] : cases) {
+    char work[16];
+    EXPECT_STREQ(sec2hhmmss(sec, work), text);
+    EXPECT_STREQ(sec2hhmmss2(sec), text);
+  }
+  char small[6];
+  sec2hhmmss3(3661, small, sizeof small);
+  EXPECT_STREQ(small, "01:01");
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+// Trace lines: "%.8X         %s - %s" with the local time stamp to milliseconds, cut at 2047;
+// with tracing off the macro does not even format.
+TEST(Trace, LineShapeCutAndOff) {
+  trcFlag = 1;
+  CaptureStdout();
+  __trace_text(0, "%s:      value %d", "fn", 42);
+  __trace_text(0, "%s", std::string(3000, 'x').c_str());
+  trcFlag = 0;
+  int evaluated = 0;
+  QX_TRACE("%d", ++evaluated);
+  const auto lines = Lines(GetCapturedStdout());
+  EXPECT_EQ(evaluated, 0);
+  ASSERT_EQ(lines.size(), 2u);
+  const std::regex shape(R"(^[0-9A-F]{8,}         \d{8}/\d{6}\.\d{3} - (.*)$)");
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(lines[0], m, shape)) << lines[0];
+  EXPECT_EQ(m[1], "fn:      value 42");
+  ASSERT_TRUE(std::regex_match(lines[1], m, shape));
+  EXPECT_EQ(m[1].length(), 2047);
+
+  CaptureStdout();
+  EXPECT_EQ(mprintf("a=%d", 1), 0);
+  mprintf("ends with newline\n");
+  mprintf("%s", std::string(3000, 'y').c_str());
+  const std::string out = GetCapturedStdout();
+  EXPECT_EQ(out.substr(0, 23), "a=1\nends with newline\n\n");
+  EXPECT_EQ(out.size(), 23u + 2047u + 1u);
+}
+
+// The dump's lines without the heading.
+std::vector<std::string> Dump(const void* data, int len, std::string* heading = nullptr) {
+  CaptureStdout();
+  trcdump(const_cast<void*>(data), len, "title %d", len);
+  auto lines = Lines(GetCapturedStdout());
+  if (heading != nullptr) *heading = lines.empty() ? "" : lines[0];
+  if (!lines.empty()) lines.erase(lines.begin());
+  return lines;
+}
+
+TEST(Trcdump, HeadingShortLinesAndRepeats) {
+  std::string heading;
+  char byte = 0;
+  EXPECT_TRUE(Dump(&byte, 0, &heading).empty());
+  EXPECT_TRUE(std::regex_match(heading.substr(0, 68),
+                               std::regex(R"(\d{8}/\d{6}\.\d{3} U0009909 TRACE: \(title 0\) +)")))
+      << heading;
+  char tail[64];
+  snprintf(tail, sizeof tail, "%p %.5d", static_cast<void*>(&byte), 0);
+  EXPECT_EQ(heading.substr(68), tail);
+
+  unsigned char data[40];
+  for (int i = 0; i < 40; ++i)
+    data[i] = static_cast<unsigned char>(0x18 + i);
+  auto lines = Dump(data, 40);
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0].substr(0, 38), std::string(20, ' ') + "00000000  18191A1B");
+  EXPECT_EQ(lines[0].substr(65), "  >........ !\"#$%&'<");
+  EXPECT_EQ(lines[2].substr(20, 9), "00000020 ");
+  EXPECT_EQ(lines[2].substr(65), "  >89:;<=>?<");  // where the full lines have it
+
+  const unsigned char five[] = {'M', 'E', 'L', 'D', 0};
+  EXPECT_EQ(Dump(five, 5), std::vector<std::string>{std::string(20, ' ') + "00000000  4D454C44 00" +
+                                                    std::string(20, ' ') + "  >MELD.<"});
+
+  // Repeated groups are left out but the last is shown; two equal groups are both shown.
+  unsigned char same[64];
+  memset(same, 0x11, sizeof same);
+  lines = Dump(same, 64);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].substr(20, 9), "00000000=");
+  EXPECT_EQ(lines[1].substr(20, 9), "00000030 ");
+  lines = Dump(same, 32);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0][28], ' ');
+  memset(same + 48, 0x33, 8);
+  lines = Dump(same, 56);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].substr(20, 9), "00000000=");
+  EXPECT_EQ(lines[1].substr(20, 9), "00000030 ");
+
+  CaptureStdout();
+  trcdump_limited(data, 4, 2, "title");
+  EXPECT_EQ(GetCapturedStdout(), "");
+}
+
+std::vector<std::pair<int, std::string>> logged;
+int Recorder(int msgnr, const char* insert) {
+  logged.emplace_back(msgnr, insert);
+  return 0;
+}
+
+TEST(Log, FormatsAndHandsToTheCurrentLogger) {
+  logged.clear();
+  __log(1, "dropped");  // the starting logger drops every event
+  EXPECT_EQ(__log_set_logger(Recorder), 0);
+  EXPECT_EQ(__log(3301, "%s/%s(%d)", "area", "file.cpp", 12), 0);
+  __log(2, "%s", std::string(3000, 'z').c_str());
+  __log_set_logger(nullptr);
+  __log(4, "dropped again");
+  ASSERT_EQ(logged.size(), 2u);
+  EXPECT_EQ(logged[0], std::make_pair(3301, std::string("area/file.cpp(12)")));
+  EXPECT_EQ(logged[1].second.size(), 2047u);
+}
+
+}  // namespace
