@@ -1,8 +1,6 @@
-// qx_agentsim as job script writers use it: each of its modes seen from a messenger run, the
-// event it prints, its own exit after --count events, and a wrong command line.
+// qx_agentsim as job script writers use it: each mode as a messenger run sees it, the event
+// it prints, its own exit after --count events, and wrong command lines.
 #include <gtest/gtest.h>
-
-#include <string>
 
 #include "support/agent.h"
 
@@ -11,32 +9,31 @@ namespace {
 using namespace agent_test;
 
 TEST(AgentSimulator, ModesAsTheMessengerSeesThem) {
-  struct Case {
+  const struct {
     const char* mode;
     const char* trace;  // a line of the messenger's trace
     bool event;         // the simulator prints the event
     double min_secs;    // the run waits out its time-out first
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"normal", "ended normally", true, 0},
       {"no-reply", "ended normally", true, 1},
       {"silent", "ended abnormally", false, 1},
       {"wrong-greeting", "main:      invalid answer", false, 0},
       {"close", "main:      invalid answer", false, 0},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.mode);
     Simulator sim({"--json", "--mode", c.mode});
     ASSERT_GT(sim.port(), 0);
-    RunResult run = run_messenger(sim.port(), {"TYP=E", "JNR=31", "RET=4", "RETRY=1", "TIMEOUT=1",
-                                               "TRC=1", "TXT=say \"hi\""});
+    const RunResult run = run_messenger(sim.port(), {"TYP=E", "JNR=31", "RET=4", "RETRY=1",
+                                                     "TIMEOUT=1", "TRC=1", "TXT=say \"hi\""});
     EXPECT_TRUE(run.exited);
     EXPECT_EQ(run.status, 4);
     EXPECT_EQ(run.err, "");
     EXPECT_GE(run.secs, c.min_secs);
     EXPECT_NE(run.out.find(c.trace), std::string::npos);
     EXPECT_EQ(sim.stop(), 0);
-    std::vector<std::string> lines = sim.lines();
+    const std::vector<std::string> lines = sim.lines();
     ASSERT_EQ(lines.size(), c.event ? 2u : 1u);
     if (c.event) {
       EXPECT_EQ(json_number(lines[1], "job"), 31);
@@ -51,8 +48,9 @@ TEST(AgentSimulator, ExitsAfterCountEvents) {
   Simulator sim({"--count", "2"});
   ASSERT_GT(sim.port(), 0);
   for (int job : {1, 2}) {
-    RunResult run = run_messenger(sim.port(), {"TYP=O", "JNR=" + std::to_string(job),
-                                               "OUTFILE=/tmp/job.out", "RETRY=1", "TIMEOUT=5"});
+    const RunResult run = run_messenger(
+        sim.port(),
+        {"TYP=O", "JNR=" + std::to_string(job), "OUTFILE=/tmp/job.out", "RETRY=1", "TIMEOUT=5"});
     EXPECT_EQ(run.status, 0);
   }
   EXPECT_EQ(sim.wait_exit(5000), 0);
@@ -65,7 +63,7 @@ TEST(AgentSimulator, WrongCommandLines) {
                                         {"--mode", "rude"},
                                         {"--count"},
                                         {"--verbose"}}) {
-    RunResult run = run_program(std::string(QX_BIN_DIR) + "/qx_agentsim", args, 10);
+    const RunResult run = run_program(bin_path("qx_agentsim"), args, 10);
     EXPECT_EQ(run.status, 2) << args[0];
     EXPECT_NE(run.out.find("usage: qx_agentsim"), std::string::npos);
     EXPECT_EQ(run.err, "");

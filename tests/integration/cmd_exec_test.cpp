@@ -27,15 +27,9 @@ std::string Scrambled(const std::string& value, bool magic = false) {
   return s;
 }
 
-std::string Lower(std::string s) {
+std::string Cased(std::string s, int (*to)(int)) {
   for (char& c : s)
-    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
-std::string Upper(std::string s) {
-  for (char& c : s)
-    c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    c = static_cast<char>(to(static_cast<unsigned char>(c)));
   return s;
 }
 
@@ -56,11 +50,12 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"printf '[%s]' plain text", "[plain][text]"},
       {"printf '[%s]' " + one + " '" + two + "'", "[s3cr3t-one][second password of 24 ch]"},
       {"printf '[%s]' x" + one + "y", "[xs3cr3t-oney]"},
-      {"printf '[%s]' " + Lower(one), "[s3cr3t-one]"},
+      {"printf '[%s]' " + Cased(one, tolower), "[s3cr3t-one]"},
       // A marker without digits is removed; one followed by no blank as well.
       {"printf '[%s]' a--10 --10x --10", "[a][x]"},
       // A run of digits of the wrong length stays, upper-cased; so does a wrong version.
-      {"printf '[%s]' --10" + d10 + " --11" + d16, "[--10" + Upper(d10) + "][--11" + d16 + "]"},
+      {"printf '[%s]' --10" + d10 + " --11" + d16,
+       "[--10" + Cased(d10, toupper) + "][--11" + d16 + "]"},
       // A header without digits counts as an empty value even with the magic bytes.
       {"printf '[%s]' \xAD\xAD"
        "10",
@@ -83,10 +78,12 @@ TEST(CmdExec, DigitRunsEndAfter251Digits) {
 
   // 127 characters make 256 digits: the run ends after 251 of them, which is no whole number
   // of blocks, so the text stays as written (digits upper-case) and the rest follows as it is.
-  const std::string too_long = Lower(Scrambled(std::string(127, 'T')));
+  const std::string too_long = Cased(Scrambled(std::string(127, 'T')), tolower);
   run = RunCmd("printf '[%s]' " + too_long);
   std::string expected = "[";
-  expected.append(Upper(too_long.substr(0, 4 + 251))).append(too_long.substr(4 + 251)).append("]");
+  expected.append(Cased(too_long.substr(0, 4 + 251), toupper))
+      .append(too_long.substr(4 + 251))
+      .append("]");
   EXPECT_EQ(run.out, expected);
 }
 
@@ -101,32 +98,27 @@ TEST(CmdExec, ExitStatusFollowsTheCommand) {
     EXPECT_EQ(RunCmd(c.command).status, c.status);
   }
   // Arguments after CMD are not looked at, and no report is printed.
-  const auto run = run_program(kMessenger, {"TYP=S", "CMD=printf done", "TRC=1"});
+  const auto run = run_program(kMessenger, {"TYP=S", "cmd=printf done", "TRC=1"});
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out, "done");
 }
 
 TEST(CmdExec, TraceShowsOnlyTheScrambledCommand) {
-  char dir_template[] = "/tmp/qx_cmd_XXXXXX";
-  ASSERT_NE(mkdtemp(dir_template), nullptr);
-  const std::string dir = dir_template;
-  const std::string clear = "Tr4ced-N0t";
-  const std::string text = Scrambled(clear);
-  const auto run = run_program(kMessenger, {"TRC=1", "CMD=printf %s " + text + " > secret.txt"}, 30,
-                               "", dir.c_str());
+  char dir[] = "/tmp/qx_cmd_XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string file = std::string(dir) + "/secret.txt", clear = "Tr4ced-N0t";
+  const std::string command = "printf %s " + Scrambled(clear) + " > " + file;
+  const auto run = run_program(kMessenger, {"TRC=1", "CMD=" + command});
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.err, "");
-  EXPECT_NE(run.out.find("processCmd(cmd=printf %s " + text + " > secret.txt) -->"),
-            std::string::npos)
-      << run.out;
+  EXPECT_NE(run.out.find("processCmd(cmd=" + command + ") -->"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("processCmd <-- (result=0)"), std::string::npos) << run.out;
   EXPECT_EQ(run.out.find(clear), std::string::npos) << run.out;
-  std::ifstream file(dir + "/secret.txt");
   std::stringstream written;
-  written << file.rdbuf();
+  written << std::ifstream(file).rdbuf();
   EXPECT_EQ(written.str(), clear);
-  unlink((dir + "/secret.txt").c_str());
-  rmdir(dir.c_str());
+  unlink(file.c_str());
+  rmdir(dir);
 }
 
 }  // namespace

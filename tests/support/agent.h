@@ -1,51 +1,38 @@
-// Test support for runs of the real messenger against agents written here with plain
-// sockets: frame builders and readers, a scripted fake agent on a loopback port, the agent
-// simulator, and the expected bytes of the job message bodies.
-//
-// Nothing here uses the connection manager: the fake agents speak the wire format from
-// their own few lines, so that a fault in the system's framing cannot hide itself.
+// Runs of the real messenger against agents written here with plain sockets: frame builders
+// and readers, a scripted fake agent on a loopback port, the agent simulator, and helpers for
+// the expected job message bodies. Nothing here uses the connection manager: the fake agents
+// speak the wire format from their own few lines, so a framing fault cannot hide itself.
 #ifndef QX_TESTS_SUPPORT_AGENT_H_
 #define QX_TESTS_SUPPORT_AGENT_H_
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/process.h"
 
 namespace agent_test {
 
 using Bytes = std::vector<unsigned char>;
-
+using qxtest::bin_path;
 using qxtest::now_ms;
 using qxtest::run_program;
 using qxtest::RunResult;
 
-// ---- Frames ---------------------------------------------------------------------------------
+// ---- Frames -----------------------------------------------------------------------------------
 
-// The 48-byte header for a frame of `total` bytes.
-inline Bytes header(size_t total, const char* protocol = "NAT") {
-  char h[64];
-  snprintf(h, sizeof h, "%08zuQX7:global001%.3s%24s", total, protocol, "");
-  // Room for the whole frame up front: the builders append the rest without reallocating.
-  Bytes b(std::max<size_t>(total, 48));
+// The 48-byte header of a frame of `total` bytes.
+inline Bytes header(size_t total) {
+  char h[49];
+  snprintf(h, sizeof h, "%08zuQX7:global001NAT%24s", total, "");
+  Bytes b(std::max<size_t>(total, 48));  // room for the whole frame: GCC 12 misreads appends
   std::memcpy(b.data(), h, 48);
   b.resize(48);
   return b;
@@ -60,14 +47,11 @@ inline Bytes native_frame(const std::string& data, unsigned char key = 4) {
   return f;
 }
 
-// A NAT frame to `dst` (8 characters) with a payload under the 32-bit key.
+// A NAT frame to `dst` (8 characters) with a payload under the 32-bit length key.
 inline Bytes nat_frame(const std::string& dst, const Bytes& payload) {
-  Bytes f = header(48 + 10 + 5 + payload.size());
-  f.push_back(0x01);
-  f.push_back(0x08);
-  std::string name = (dst + "        ").substr(0, 8);
+  Bytes f = header(48 + 15 + payload.size());
+  const std::string name = "\x01\x08" + (dst + "        ").substr(0, 8) + "\xFF";
   f.insert(f.end(), name.begin(), name.end());
-  f.push_back(0xFF);
   for (int i = 0; i < 4; i++)
     f.push_back(static_cast<unsigned char>(payload.size() >> (8 * i)));
   f.insert(f.end(), payload.begin(), payload.end());
@@ -75,9 +59,8 @@ inline Bytes nat_frame(const std::string& dst, const Bytes& payload) {
 }
 
 inline bool write_all(int fd, const void* data, size_t n) {
-  auto* p = static_cast<const unsigned char*>(data);
-  while (n > 0) {
-    ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
+  for (auto* p = static_cast<const unsigned char*>(data); n > 0;) {
+    const ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
     if (w < 0 && errno == EINTR) continue;
     if (w <= 0) return false;
     p += w;
@@ -89,51 +72,47 @@ inline bool write_all(int fd, const Bytes& b) {
   return write_all(fd, b.data(), b.size());
 }
 
-// Reads exactly n bytes within the time left until `deadline`; false on EOF, error or time.
-inline bool read_exact(int fd, unsigned char* p, size_t n, long long deadline) {
-  while (n > 0) {
-    long long left = deadline - now_ms();
-    if (left <= 0) return false;
+// Reads up to `n` bytes (exactly `n` when `exact`) before `deadline`; the count read, or -1 on
+// time-out. Fewer than `n` in exact mode means the partner closed or reset.
+inline long read_until(int fd, unsigned char* p, size_t n, long long deadline, bool exact) {
+  size_t got = 0;
+  while (got < n) {
+    const long long left = deadline - now_ms();
+    if (left <= 0) return -1;
     pollfd pfd{fd, POLLIN, 0};
     if (poll(&pfd, 1, static_cast<int>(left)) <= 0) continue;
-    ssize_t r = recv(fd, p, n, 0);
+    const ssize_t r = recv(fd, p + got, n - got, 0);
     if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return false;
-    p += r;
-    n -= static_cast<size_t>(r);
+    if (r <= 0) break;
+    got += static_cast<size_t>(r);
+    if (!exact) break;
   }
-  return true;
+  return static_cast<long>(got);
 }
 
-// One whole frame (header included) within `timeout_ms`; false when none came.
+// One whole frame within `timeout_ms`; false when none came.
 inline bool read_frame(int fd, Bytes* out, int timeout_ms = 5000) {
-  long long deadline = now_ms() + timeout_ms;
-  unsigned char h[48];
-  if (!read_exact(fd, h, sizeof h, deadline)) return false;
-  long total = strtol(std::string(h, h + 8).c_str(), nullptr, 10);
+  const long long deadline = now_ms() + timeout_ms;
+  Bytes f(48);
+  if (read_until(fd, f.data(), 48, deadline, true) != 48) return false;
+  const long total = strtol(std::string(f.begin(), f.begin() + 8).c_str(), nullptr, 10);
   if (total < 48 || total > (1 << 20)) return false;
-  Bytes f(static_cast<size_t>(total));
-  std::memcpy(f.data(), h, sizeof h);
-  if (!read_exact(fd, f.data() + 48, f.size() - 48, deadline)) return false;
+  f.resize(static_cast<size_t>(total));
+  if (read_until(fd, f.data() + 48, f.size() - 48, deadline, true) != total - 48) return false;
   *out = std::move(f);
   return true;
 }
 
-// Waits until the partner closes (or resets) the connection; false when it does not
-// within `timeout_ms`. Everything that arrives meanwhile is appended to `rest`.
+// Waits until the partner closes or resets; false when it does not within `timeout_ms`.
+// Whatever arrives meanwhile is appended to `rest`.
 inline bool wait_eof(int fd, int timeout_ms, Bytes* rest = nullptr) {
-  long long deadline = now_ms() + timeout_ms;
+  const long long deadline = now_ms() + timeout_ms;
   unsigned char buf[4096];
-  for (;;) {
-    long long left = deadline - now_ms();
-    if (left <= 0) return false;
-    pollfd pfd{fd, POLLIN, 0};
-    if (poll(&pfd, 1, static_cast<int>(left)) <= 0) continue;
-    ssize_t r = recv(fd, buf, sizeof buf, 0);
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return true;
+  for (long r; (r = read_until(fd, buf, sizeof buf, deadline, false)) != 0;) {
+    if (r < 0) return false;
     if (rest != nullptr) rest->insert(rest->end(), buf, buf + r);
   }
+  return true;
 }
 
 // Closes with a reset instead of an orderly close.
@@ -143,69 +122,63 @@ inline void reset_close(int fd) {
   close(fd);
 }
 
-// A loopback listening socket on `port` (0: any free one); the port actually used is
-// stored back. -1 on failure.
-inline int listen_loopback(int* port, int backlog = 64) {
-  int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  int one = 1;
-  setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(static_cast<uint16_t>(*port));
-  if (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(s, backlog) != 0) {
-    close(s);
-    return -1;
-  }
-  socklen_t len = sizeof a;
-  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-  *port = ntohs(a.sin_port);
-  return s;
-}
-
-// A client socket connected to a loopback port; -1 on failure.
-inline int connect_loopback(int port) {
-  int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+inline sockaddr_in loopback(int port) {
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   a.sin_port = htons(static_cast<uint16_t>(port));
-  if (connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+  return a;
+}
+
+// A loopback listening socket on `port` (0: any free one, stored back); -1 on failure.
+inline int listen_loopback(int* port) {
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int one = 1;
+  setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in a = loopback(*port);
+  socklen_t len = sizeof a;
+  if (bind(s, reinterpret_cast<sockaddr*>(&a), len) != 0 || listen(s, 64) != 0 ||
+      getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
     close(s);
     return -1;
   }
+  *port = ntohs(a.sin_port);
   return s;
 }
 
-// A loopback port on which nothing listens (connections to it are refused).
+inline int connect_loopback(int port) {
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_in a = loopback(port);
+  if (connect(s, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0) return s;
+  close(s);
+  return -1;
+}
+
+// A loopback port on which nothing listens: connections to it are refused.
 inline int refused_port() {
   int port = 0;
-  int s = listen_loopback(&port);
-  close(s);
+  close(listen_loopback(&port));
   return port;
 }
 
-// ---- Fake agent -----------------------------------------------------------------------------
+// ---- Fake agent -------------------------------------------------------------------------------
 
-// Accepts connections on a loopback port and runs `script` for each, one after the other,
-// on its own thread. The script gets the agent (to keep frames), the connection (closed after
-// it returns unless the script closed it and set `fd` to -1) and the connection's number.
+// Accepts connections on a loopback port and runs `script` for each in turn on its own thread.
+// The script may keep frames; the connection is closed after it unless it set `fd` to -1.
 class FakeAgent {
  public:
   using Script = std::function<void(FakeAgent& agent, int& fd, int index)>;
 
   explicit FakeAgent(Script script, int port = 0) : script_(std::move(script)), port_(port) {
     listen_fd_ = listen_loopback(&port_);
-    if (pipe(stop_) != 0) stop_[0] = stop_[1] = -1;
-    thread_ = std::thread([this] { serve(); });
+    if (listen_fd_ >= 0) thread_ = std::thread([this] { serve(); });
   }
   ~FakeAgent() {
-    if (write(stop_[1], "x", 1) != 1) {
-    }
+    if (listen_fd_ < 0) return;
+    stopping_ = true;
+    shutdown(listen_fd_, SHUT_RDWR);  // ends the blocked accept
     thread_.join();
     close(listen_fd_);
-    close(stop_[0]);
-    close(stop_[1]);
   }
   FakeAgent(const FakeAgent&) = delete;
   FakeAgent& operator=(const FakeAgent&) = delete;
@@ -213,34 +186,28 @@ class FakeAgent {
   bool ok() const { return listen_fd_ >= 0; }
   int port() const { return port_; }
   int connections() const { return accepted_.load(); }
-  std::vector<long long> accept_times() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return accept_times_;
-  }
-  // Frames that scripts kept with `keep`.
+  std::vector<long long> accept_times() { return locked(accept_times_); }
+  std::vector<Bytes> frames() { return locked(frames_); }
   void keep(const Bytes& frame) {
     std::lock_guard<std::mutex> lock(mu_);
     frames_.push_back(frame);
   }
-  std::vector<Bytes> frames() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return frames_;
-  }
 
  private:
+  template <typename T>
+  T locked(const T& v) {
+    std::lock_guard<std::mutex> lock(mu_);
+    return v;
+  }
   void serve() {
-    for (;;) {
-      pollfd p[2] = {{listen_fd_, POLLIN, 0}, {stop_[0], POLLIN, 0}};
-      if (poll(p, 2, -1) < 0) continue;
-      if (p[1].revents != 0) return;
+    while (!stopping_) {
       int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0) continue;
-      int index = accepted_++;
       {
         std::lock_guard<std::mutex> lock(mu_);
         accept_times_.push_back(now_ms());
       }
-      script_(*this, fd, index);
+      script_(*this, fd, accepted_++);
       if (fd >= 0) close(fd);
     }
   }
@@ -248,7 +215,7 @@ class FakeAgent {
   Script script_;
   int port_;
   int listen_fd_ = -1;
-  int stop_[2] = {-1, -1};
+  std::atomic<bool> stopping_{false};
   std::atomic<int> accepted_{0};
   std::mutex mu_;
   std::vector<long long> accept_times_;
@@ -256,174 +223,135 @@ class FakeAgent {
   std::thread thread_;
 };
 
-// ---- Running the messenger -------------------------------------------------------------------
-
-inline std::string messenger_path() {
-  return std::string(QX_BIN_DIR) + "/qx_jpmd";
+// The agent as it should be: greeting, one frame read and kept, a reply, then it waits for the
+// messenger to close.
+inline void good_agent(FakeAgent& agent, int& fd, int) {
+  if (!write_all(fd, native_frame("QX7 agent"))) return;
+  Bytes frame;
+  if (!read_frame(fd, &frame)) return;
+  agent.keep(frame);
+  write_all(fd, native_frame("OK"));
+  wait_eof(fd, 5000);
 }
 
 // The messenger against a loopback port.
 inline RunResult run_messenger(int port, std::vector<std::string> args, int limit_secs = 30) {
   args.insert(args.begin(), {"IPA=127.0.0.1", "PNR=" + std::to_string(port)});
-  return run_program(messenger_path(), args, limit_secs);
+  return run_program(bin_path("qx_jpmd"), args, limit_secs);
 }
 
-// ---- The agent simulator ---------------------------------------------------------------------
+// ---- The agent simulator ----------------------------------------------------------------------
 
-// qx_agentsim on a free loopback port, its standard output collected line by line.
+// qx_agentsim on a free loopback port, its standard output in a file read back by lines.
 class Simulator {
  public:
-  explicit Simulator(std::vector<std::string> args = {}) {
-    args.insert(args.begin(), {"--port", "0"});
-    std::string program = std::string(QX_BIN_DIR) + "/qx_agentsim";
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
+  explicit Simulator(std::vector<std::string> args = {}) : out_(qxtest::temp_file()) {
+    args.insert(args.begin(), {bin_path("qx_agentsim"), "--port", "0"});
+    std::vector<char*> argv;
     for (auto& a : args)
-      argv.push_back(const_cast<char*>(a.c_str()));
+      argv.push_back(a.data());
     argv.push_back(nullptr);
-    int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(out[1], 1);
-      execv(program.c_str(), argv.data());
+    if ((pid_ = fork()) == 0) {
+      dup2(out_, 1);
+      execv(argv[0], argv.data());
       _exit(127);
     }
-    close(out[1]);
-    out_ = out[0];
-    reader_ = std::thread([this] { read_lines(); });
-    // The first line names the port: "listening on ADDRESS port PORT".
-    std::string first;
-    if (wait_lines(1, 10000)) first = lines()[0];
-    size_t at = first.rfind(' ');
-    if (first.rfind("listening on ", 0) == 0 && at != std::string::npos) {
-      port_ = atoi(first.c_str() + at + 1);
-    }
+    // The first line is "listening on ADDRESS port PORT".
+    const std::string first = wait_lines(1, 10000) ? lines()[0] : "";
+    if (first.rfind("listening on ", 0) == 0) port_ = atoi(first.c_str() + first.rfind(' ') + 1);
   }
-  ~Simulator() { stop(); }
+  ~Simulator() {
+    stop();
+    close(out_);
+  }
   Simulator(const Simulator&) = delete;
   Simulator& operator=(const Simulator&) = delete;
 
   int port() const { return port_; }
-
-  // Stops the simulator with SIGTERM; its exit status, or -1 when a signal ended it.
+  // Ends the simulator with SIGTERM; its exit status, -1 when a signal ended it.
   int stop() {
     if (pid_ > 0) kill(pid_, SIGTERM);
-    return wait_exit(-1);
+    return wait_exit(10000);
   }
-
-  // Waits up to `timeout_ms` (-1: no limit) for the simulator to end by itself; its exit
-  // status, or -1 when it is still running or a signal ended it.
+  // Its exit status once it ended within `timeout_ms`, else -1.
   int wait_exit(int timeout_ms) {
-    if (pid_ <= 0) return status_;
-    long long deadline = now_ms() + timeout_ms;
-    int st = 0;
-    while (waitpid(pid_, &st, timeout_ms < 0 ? 0 : WNOHANG) == 0) {
-      if (now_ms() >= deadline) return -1;
-      usleep(5000);
+    for (long long end = now_ms() + timeout_ms; pid_ > 0 && now_ms() < end; usleep(5000)) {
+      int st = 0;
+      if (waitpid(pid_, &st, WNOHANG) != pid_) continue;
+      pid_ = 0;
+      status_ = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     }
-    pid_ = 0;
-    if (reader_.joinable()) reader_.join();
-    close(out_);
-    status_ = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return status_;
+    return pid_ > 0 ? -1 : status_;
   }
-
-  std::vector<std::string> lines() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return lines_;
+  // The complete lines written so far.
+  std::vector<std::string> lines() const {
+    const std::string text = qxtest::read_all(out_);
+    std::vector<std::string> out;
+    for (size_t at = 0, nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1)
+      out.push_back(text.substr(at, nl - at));
+    return out;
   }
-  // Waits until at least `n` lines came; false when they did not within `timeout_ms`.
-  bool wait_lines(size_t n, int timeout_ms) {
-    long long deadline = now_ms() + timeout_ms;
-    while (now_ms() < deadline) {
-      {
-        std::lock_guard<std::mutex> lock(mu_);
-        if (lines_.size() >= n) return true;
-      }
-      usleep(5000);
-    }
+  bool wait_lines(size_t n, int timeout_ms) const {
+    for (long long end = now_ms() + timeout_ms; now_ms() < end; usleep(5000))
+      if (lines().size() >= n) return true;
     return false;
   }
 
  private:
-  void read_lines() {
-    std::string partial;
-    char buf[8192];
-    for (;;) {
-      ssize_t r = read(out_, buf, sizeof buf);
-      if (r < 0 && errno == EINTR) continue;
-      if (r <= 0) return;
-      partial.append(buf, static_cast<size_t>(r));
-      size_t nl;
-      while ((nl = partial.find('\n')) != std::string::npos) {
-        std::lock_guard<std::mutex> lock(mu_);
-        lines_.push_back(partial.substr(0, nl));
-        partial.erase(0, nl + 1);
-      }
-    }
-  }
-
+  int out_;
   pid_t pid_ = 0;
-  int out_ = -1;
   int port_ = 0;
   int status_ = -1;
-  std::thread reader_;
-  std::mutex mu_;
-  std::vector<std::string> lines_;
 };
 
 // The number after "\"key\":" in a JSON line, or -1.
 inline long long json_number(const std::string& line, const std::string& key) {
-  size_t at = line.find("\"" + key + "\":");
-  if (at == std::string::npos) return -1;
-  return atoll(line.c_str() + at + key.size() + 3);
+  const size_t at = line.find("\"" + key + "\":");
+  return at == std::string::npos ? -1 : atoll(line.c_str() + at + key.size() + 3);
 }
 
-// ---- Expected bodies -----------------------------------------------------------------------
+// ---- Expected bodies --------------------------------------------------------------------------
 
-inline void put32(Bytes& b, size_t off, unsigned v) {
-  for (int i = 0; i < 4; i++)
+inline void put_le(Bytes& b, size_t off, unsigned v, int n = 4) {
+  for (int i = 0; i < n; i++)
     b[off + i] = static_cast<unsigned char>(v >> (8 * i));
 }
-inline void put16(Bytes& b, size_t off, unsigned v) {
-  b[off] = static_cast<unsigned char>(v);
-  b[off + 1] = static_cast<unsigned char>(v >> 8);
+inline unsigned get_le(const Bytes& b, size_t off, int n = 4) {
+  unsigned v = 0;
+  for (int i = n - 1; i >= 0; i--)
+    v = v << 8 | b[off + i];
+  return v;
 }
 inline void put_text(Bytes& b, size_t off, const std::string& s) {
   std::memcpy(b.data() + off, s.data(), s.size());
 }
-inline unsigned get32(const Bytes& b, size_t off) {
-  return b[off] | b[off + 1] << 8 | b[off + 2] << 16 | static_cast<unsigned>(b[off + 3]) << 24;
-}
 
-// The MELD head and the version block at `ver`.
-inline Bytes meld_body(size_t size, int client, size_t ver) {
+// The MELD head of job `job`, status byte `status`, and the version block at `ver`.
+inline Bytes meld_body(size_t size, int client, int job, char status, size_t ver) {
   Bytes b(size, 0);
   put_text(b, 0, "MELD    03");
-  put16(b, 10, static_cast<unsigned short>(client));
+  put_le(b, 10, static_cast<unsigned>(client), 2);
+  put_le(b, 20, static_cast<unsigned>(job));
+  b[24] = static_cast<unsigned char>(status);
   put_text(b, ver, "12.2.0+build.2108               ");
-  put16(b, ver + 33, 12);
-  put16(b, ver + 35, 2);
+  put_le(b, ver + 33, 12, 2);
+  put_le(b, ver + 35, 2, 2);
   put_text(b, ver + 39, "  ");
   return b;
 }
 
-inline unsigned get16(const Bytes& b, size_t off) {
-  return b[off] | b[off + 1] << 8;
-}
-
 // Checks that the seconds at `off_t` lie within a few seconds of now and that the UTC time
-// stamp at `off` is the same moment, then copies both into `want`, so that the rest of the
-// body can be compared byte for byte.
+// stamp at `off` is the same moment, then copies both into `want` so that the rest of the body
+// compares byte for byte.
 inline bool adopt_time(const Bytes& got, Bytes& want, size_t off, size_t off_t) {
-  time_t sent = static_cast<time_t>(get32(got, off_t));
-  time_t now = time(nullptr);
+  const time_t sent = static_cast<time_t>(get_le(got, off_t));
+  const time_t now = time(nullptr);
   tm u;
   gmtime_r(&sent, &u);
   const int fields[6] = {u.tm_year + 1900, u.tm_mon + 1, u.tm_mday, u.tm_hour, u.tm_min, u.tm_sec};
-  bool same = get32(got, off + 12) == 0;
+  bool same = get_le(got, off + 12) == 0;
   for (int i = 0; i < 6; i++)
-    same = same && get16(got, off + 2 * i) == unsigned(fields[i]);
+    same = same && get_le(got, off + 2 * i, 2) == unsigned(fields[i]);
   std::memcpy(want.data() + off, got.data() + off, 16);
   std::memcpy(want.data() + off_t, got.data() + off_t, 4);
   return same && now - sent >= 0 && now - sent <= 5;
