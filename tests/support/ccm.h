@@ -1,11 +1,13 @@
-// Test support for the connection manager: a context opened for each test, a way to make
-// chosen allocations fail, small views of the context's lists, and frame builders.
+// Test support for the connection manager: a context opened for each test, allocations that
+// can be made to fail, small views of the context's lists, frame builders and socket pairs.
 #ifndef QX_TESTS_SUPPORT_CCM_H_
 #define QX_TESTS_SUPPORT_CCM_H_
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/socket.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -13,6 +15,9 @@
 
 #include "ccm/ccm.h"
 #include "ccm/internal.h"
+#include "ccm/receive.h"
+#include "ccm/send.h"
+#include "ccm/wire.h"
 
 namespace ccm_test {
 
@@ -38,24 +43,33 @@ inline std::string ipc_frame(int total, int seed) {
   return f;
 }
 
-// Allocations whose tag equals `fail_tag` fail while it is set.
-inline const char* fail_tag = nullptr;
-inline void* failing_alloc(size_t size, const char* tag) {
-  if (fail_tag != nullptr && std::strcmp(tag, fail_tag) == 0) return nullptr;
-  return ccm_alloc_default(size, tag);
+inline std::string text(const ccm_msg_t* m) {
+  return std::string(reinterpret_cast<const char*>(m->msg_start), m->len);
 }
 
-// Makes every allocation tagged `tag` fail for its scope.
+// While it lives, allocations tagged `tag` are counted and the nth of them fails: every one
+// for nth 0, none for nth -1.
+inline const char* hook_tag = nullptr;
+inline int hook_nth = 0, hook_count = 0;
+inline void* hooked_alloc(size_t size, const char* tag) {
+  if (hook_tag != nullptr && std::strcmp(tag, hook_tag) == 0) {
+    if (++hook_count == hook_nth || hook_nth == 0) return nullptr;
+  }
+  return ccm_alloc_default(size, tag);
+}
 class FailAllocations {
  public:
-  explicit FailAllocations(const char* tag) {
-    fail_tag = tag;
-    ccm_alloc = failing_alloc;
+  explicit FailAllocations(const char* tag, int nth = 0) {
+    hook_tag = tag;
+    hook_nth = nth;
+    hook_count = 0;
+    ccm_alloc = hooked_alloc;
   }
   ~FailAllocations() {
     ccm_alloc = ccm_alloc_default;
-    fail_tag = nullptr;
+    hook_tag = nullptr;
   }
+  int count() const { return hook_count; }
 };
 
 template <class Queue>
@@ -77,19 +91,26 @@ class CcmTest : public ::testing::Test {
   void SetUp() override {
     std::memcpy(app_.eyec, "TESTPCX ", 8);
     app_.running_mode = 3;
-    ccm_error_t err{};
-    ASSERT_EQ(ccm_open(&app_, &ccm_, &err), 0) << err.msginsert;
+    ASSERT_EQ(ccm_open(&app_, &ccm_, &err_), 0) << err_.msginsert;
     if (wakeups_) {
-      ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err), 0);
+      ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err_), 0);
     }
   }
 
   void TearDown() override {
     if (ccm_ == nullptr) return;
+    if (running_) {
+      ccm_thread_stop(ccm_);
+      pthread_join(ccm_->thread, nullptr);
+    }
     merge_newq();
     ccm_channel_closeall(ccm_);
-    ccm_error_t err{};
-    ccm_close(ccm_, &err);
+    ccm_close(ccm_, &err_);
+  }
+
+  void start_thread() {
+    ASSERT_EQ(ccm_thread_start(ccm_, &err_), 0);
+    running_ = true;
   }
 
   // What the network thread does at the start of each cycle.
@@ -102,8 +123,7 @@ class CcmTest : public ::testing::Test {
 
   ccm_channel_t* new_channel(int type = CCM_CHTYPE_MESSENGER) {
     ccm_channel_t* ch = nullptr;
-    ccm_error_t err{};
-    EXPECT_EQ(ccm_channel_new_entry(ccm_, &ch, &err), 0);
+    EXPECT_EQ(ccm_channel_new_entry(ccm_, &ch, &err_), 0);
     if (ch != nullptr) ch->type = type;
     return ch;
   }
@@ -112,6 +132,16 @@ class CcmTest : public ::testing::Test {
     ccm_channel_t* ch = new_channel(type);
     ccm_channel_chain(ccm_, ch);
     return ch;
+  }
+
+  // An entered channel on one end of a socket pair; returns the other end.
+  int paired_channel(ccm_channel_t** ch, int type = CCM_CHTYPE_NONE) {
+    int sv[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    *ch = new_channel(type);
+    (*ch)->s = sv[0];  // closed with the channel
+    ccm_channel_chain(ccm_, *ch);
+    return sv[1];
   }
 
   // Takes every message of recvq and returns the types of the internal messages.
@@ -131,9 +161,21 @@ class CcmTest : public ::testing::Test {
     return types;
   }
 
+  // The next received message within 5 seconds, or null.
+  ccm_msg_t* next_message() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    ccm_msg_t* m = nullptr;
+    while (m == nullptr && std::chrono::steady_clock::now() < deadline) {
+      EXPECT_GE(ccm_receive_message(ccm_, 1, &m, &err_), 0);
+    }
+    return m;
+  }
+
   bool wakeups_ = false;  // set in a constructor to create the wake-up pipes
+  bool running_ = false;
   ccm_app_context_head app_{};
   ccm_context_t* ccm_ = nullptr;
+  ccm_error_t err_{};
 };
 
 }  // namespace ccm_test

@@ -1,0 +1,435 @@
+// Frames on the wire: lengths, writing and parsing every key, the send paths, addressing and
+// the counting queries.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/ccm.h"
+
+namespace ccm_test {
+namespace {
+
+using Bytes = std::string;
+using namespace std::string_literals;
+
+Bytes u16(unsigned v) {
+  return Bytes{char(v & 0xFF), char(v >> 8)};
+}
+Bytes u32(unsigned v) {
+  return u16(v & 0xFFFF) + u16(v >> 16);
+}
+Bytes entry1(unsigned char key, const Bytes& d) {
+  return Bytes{char(key), char(d.size())} + d;
+}
+
+class WireTest : public CcmTest {
+ protected:
+  WireTest() { wakeups_ = true; }
+  void SetUp() override {
+    CcmTest::SetUp();
+    std::strcpy(ch_.name, "*ID7");
+    ch_.ID = 7;
+    ch_.s = 5;
+  }
+  void TearDown() override {
+    for (ccm_msg_t* m : msgs_)
+      ccm_msg_free(ccm_, m);
+    ccm_set_gss_classifier(nullptr);
+    CcmTest::TearDown();
+  }
+
+  // A message holding `bytes`, freed with the test. As a received frame it stands at the very
+  // end of its data area, so that any read past the frame leaves the allocation.
+  ccm_msg_t* message(const Bytes& bytes, bool at_end = true) {
+    ccm_msg_t* m = ccm_msg_alloc_huge(ccm_, static_cast<int>(bytes.size()) + 256, &err_);
+    msgs_.push_back(m);
+    if (at_end) m->msg_start = m->buffer1 + 2 * m->size - bytes.size();
+    std::memcpy(m->msg_start, bytes.data(), bytes.size());
+    m->len = static_cast<int>(bytes.size());
+    return m;
+  }
+  ccm_msg_t* classified(const Bytes& f, int rslt = 0) {
+    ccm_msg_t* m = message(f);
+    EXPECT_EQ(ccm_classify_message(ccm_, &ch_, m, &err_), rslt) << testing::PrintToString(f);
+    return m;
+  }
+
+  // The one frame queued for sending; it is freed and the queue emptied.
+  Bytes take_sent() {
+    EXPECT_EQ(ccm_get_sendq_count(ccm_), 1);
+    ccm_msg_t* m = ccm_->sendq.head;
+    if (m == nullptr) return "";
+    const Bytes f = text(m);
+    ccm_queue_pop(ccm_->sendq);
+    ccm_msg_free(ccm_, m);
+    return f;
+  }
+
+  ccm_channel_t ch_{};
+  std::vector<ccm_msg_t*> msgs_;
+};
+
+TEST(FrameLength, OnlyEightDigitsWithinBoundsAreAccepted) {
+  const std::pair<const char*, int> cases[] = {
+      {"00000048", 48}, {"00000339", 339}, {"16777216", kMaxFrameSize},
+      {"00000047", -1}, {"00000000", -1},  {"16777217", -1},
+      {"99999999", -1}, {"-0000339", -1},  {" 0000339", -1},
+      {"0000339 ", -1}, {"0000033x", -1},  {"+0000339", -1},
+  };
+  for (auto [digits, want] : cases)
+    EXPECT_EQ(ccm_check_msg_length(reinterpret_cast<const unsigned char*>(digits)), want) << digits;
+}
+
+TEST_F(WireTest, InvalidLengthIsRecordedOnTheChannel) {
+  auto* bad = reinterpret_cast<const unsigned char*>("0000004xQX7:global");
+  EXPECT_EQ(ccm_get_valid_msg_length(ccm_, &ch_, bad, &err_), -1);
+  EXPECT_EQ(ch_.msgnr, 2002036);
+  EXPECT_NE(std::strstr(ch_.msginsert, "*ID7|"), nullptr);
+  EXPECT_EQ(err_.msgnr, 2002036);
+  unsigned char good[] = "00000339QX7:global", junk[] = "abcdefgh";
+  EXPECT_EQ(ccm_get_valid_msg_length(ccm_, &ch_, good, &err_), 339);
+  EXPECT_EQ(ccm_get_msg_length(ccm_, &ch_, good), 339u);
+  EXPECT_EQ(ccm_get_msg_length(ccm_, &ch_, junk), 0u);
+}
+
+TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
+  ccm_msg_t* m = message("", false);
+  char hello[] = "hello";
+  EXPECT_EQ(ccm_msg_write_native_data(m, 4, hello, 5), nullptr);
+  EXPECT_EQ(text(m), "\x04\x05hello");
+  m->len = 0;  // other keys and over-long data write nothing
+  ccm_msg_write_native_data(m, 7, hello, 5);
+  std::vector<char> big(256, 'x');
+  ccm_msg_write_native_data(m, 4, big.data(), 256);
+  EXPECT_EQ(m->len, 0);
+  m->len = 7 + 48;
+  m->msg_start -= 48;
+  EXPECT_EQ(ccm_msg_set_protocol_header(m, "IPC"), 0);
+  EXPECT_EQ(text(m).substr(0, 48), frame_header(55, "IPC"));
+}
+
+// Outgoing NAT bodies carry the address entries that are set, names padded or cut to 8.
+TEST_F(WireTest, NatBodyCarriesTheAddressEntriesThatAreSet) {
+  const int acv = 0x11223344;
+  const Bytes acv_bytes(reinterpret_cast<const char*>(&acv), 4);
+  const struct {
+    int dst_acv;
+    const char *dst_addr, *dst_name, *src_addr, *src_name;
+    int src_acv;
+    Bytes front, back;  // entries before the payload (0xFF entry excluded), source block
+  } cases[] = {
+      {0, "", "JPAKTJ_R", "", "", 0, entry1(1, "JPAKTJ_R"), ""},
+      {0, "", "JPAKTJ_RECEIVER", "", "", 0, entry1(1, "JPAKTJ_R"), ""},
+      {0, "", "AB", "", "", 0, entry1(1, "AB      "), ""},
+      {0, "host1", "", "", "", 0, "", ""},  // a plain address is not sent
+      {acv, "*CP0001", "X", "", "", 0,
+       entry1(2, acv_bytes) + entry1(1, "X       ") + entry1(3, "*CP0001"), ""},
+      {0, "", "", "*SERVER", "ME", acv, "",
+       "\xFD" + u16(25) + entry1(3, "*SERVER") + entry1(1, "ME      ") + entry1(2, acv_bytes)},
+  };
+  for (const auto& c : cases) {
+    ccm_msg_t* m = message("PAY", false);
+    ccm_setaddr(m, 0, 0, c.dst_addr, c.dst_name, c.dst_acv);
+    ccm_setback(m, c.src_addr, c.src_name, c.src_acv);
+    ASSERT_EQ(cmm_msg_write_sr_data(m), 0);
+    EXPECT_EQ(text(m), c.front + "\xFF" + u32(3) + "PAY" + c.back) << c.dst_name << c.src_name;
+  }
+}
+
+TEST_F(WireTest, SentAddressesComeBackOnReceipt) {
+  ccm_msg_t* out = message("payload", false);
+  ccm_setaddr(out, 0, 0, "*CP0001", "JPAKTJ_RX", 0x01020304);
+  ccm_setback(out, "*SERVER", "ME", 77);
+  ASSERT_EQ(cmm_msg_write_sr_data(out), 0);
+  ch_.flag = CCM_CHFLAG_CONNECTING;
+  ccm_msg_t* in = classified(frame(text(out)));
+  EXPECT_EQ(in->type, CCM_MSG_NAT);
+  EXPECT_EQ(in->protocol_key, 0);
+  EXPECT_EQ(text(in), "payload");
+  EXPECT_STREQ(in->addr.dst_name, "JPAKTJ_R");
+  EXPECT_STREQ(in->addr.dst_addr, "*CP0001");
+  EXPECT_EQ(in->addr.dst_acv, 0x01020304);
+  EXPECT_STREQ(in->addr.src_name, "ME      ");  // blanks stay inside the source block
+  EXPECT_STREQ(in->addr.src_addr, "*SERVER");
+  EXPECT_EQ(in->addr.src_acv, 77);
+  EXPECT_EQ(ch_.flag & CCM_CHFLAG_CONNECTING, 0);  // the first frame ends the connecting state
+}
+
+// Native keys give type 0 with the data moved to the start of the buffer; the short forms
+// take the rest of the body as their length; names before the payload are taken.
+TEST_F(WireTest, NativeKeysGiveTypeZeroWithTheirDataAtTheStartOfTheBuffer) {
+  const Bytes d = "greeting";
+  const std::tuple<Bytes, unsigned char, int> cases[] = {
+      {entry1(4, d), 4, 8},
+      {entry1(7, d), 7, 8},
+      {"\x3B" + u16(8) + d, 0x3B, 8},
+      {"\xF9" + u16(8) + d, 0xF9, 8},
+      {"A0000008" + d, 'A', 8},
+      {"D0000008" + d, 'D', 8},
+      {entry1(1, "  AB    ") + "\x3B" + u16(8) + d, 0x3B, 8},
+      {entry1(4, d) + entry1(1, "JPAKTJ_R"), 4, 18},
+  };
+  for (const auto& [body, key, len] : cases) {
+    ccm_msg_t* m = classified(frame(body));
+    EXPECT_EQ(m->type, CCM_MSG_NATIVE);
+    EXPECT_EQ(m->protocol_key, key);
+    EXPECT_EQ(m->msg_start, m->buffer1);
+    EXPECT_EQ(m->len, len);
+    EXPECT_EQ(text(m).substr(0, 8), d);
+  }
+  EXPECT_STREQ(classified(frame(entry1(1, "  AB    ") + entry1(4, d)))->addr.dst_name, "AB");
+}
+
+TEST_F(WireTest, XmlPayloadsAreMarked) {
+  const std::pair<Bytes, bool> cases[] = {
+      {"\xFE" + u16(9) + "<?xml a/>", true},
+      {"\xFF" + u32(9) + "<?xml a/>", true},
+      {entry1(4, "<?xml"), true},
+      {"\xFE" + u16(4) + "<?xm", false},
+      {"\xFF" + u32(6) + " <?xml", false},
+  };
+  for (const auto& [body, xml] : cases)
+    EXPECT_EQ((classified(frame(body))->flag & CCM_MSGFLAG_XML) != 0, xml) << body;
+}
+
+TEST_F(WireTest, IpcAndGssFramesAreNotParsed) {
+  const Bytes body = "CHANNEL_CLOSE\0\0\0rest"s;
+  ccm_msg_t* ipc = classified(frame(body, "IPC"));
+  EXPECT_EQ(ipc->type, CCM_MSG_IPC);
+  EXPECT_EQ(text(ipc), body);
+  EXPECT_STREQ(ipc->addr.src_addr, "*ID7");
+  ccm_set_gss_classifier([](ccm_context_t*, ccm_msg_t* m) {
+    return std::memcmp(m->msg_start + 21, "GSS", 3) == 0 ? 1 : 0;
+  });
+  const Bytes gss = frame("\x99token", "GSS");
+  ccm_msg_t* g = classified(gss);
+  EXPECT_EQ(g->type, CCM_MSG_GSS);
+  EXPECT_EQ(text(g), gss);  // header stays in front
+  ccm_set_gss_classifier(nullptr);
+  classified(gss, -1);  // without the classifier: a native frame with the unknown key 0x99
+}
+
+TEST_F(WireTest, HostileBodiesAreRejectedWithoutReadingPastTheFrame) {
+  const Bytes cases[] = {
+      "\x05\x01x",                         // unknown key
+      "\x01",                              // length byte missing
+      "\001\010ABC",                       // name runs past the frame
+      "\002\003abc",                       // value that is not 4 bytes
+      "\002\005abcde",                     //
+      "\xFE\x01",                          // 16-bit length cut
+      "\xFE" + u16(100) + "short",         // payload runs past the frame
+      "\xFF" + u32(0xFFFFFFFF) + "x",      //
+      "\xFF" + u32(3),                     //
+      "A00x0003abc",                       // decimal length with a non-digit
+      "D0000009abc",                       // decimal payload runs past the frame
+      "A000",                              // decimal length cut
+      "\xFD" + u16(40) + entry1(1, "ME"),  // source block runs past the frame
+      entry1(4, "ok") + "\0"s,             // trailing unknown key
+  };
+  for (const Bytes& body : cases) {
+    ch_.msgnr = 0;
+    classified(frame(body), -1);
+    EXPECT_EQ(ch_.msgnr, 2002036);
+  }
+  classified("00000020QX7:global001NAT", -1);  // shorter than its own header
+}
+
+// Overlong fields are cut to 63; a bad source block ends its walk but keeps what it found.
+TEST_F(WireTest, OverlongFieldsAreCutAndBadSourceBlocksEndTheirWalk) {
+  ccm_msg_t* m = classified(
+      frame(entry1(1, Bytes(200, 'N')) + entry1(3, Bytes(255, 'A')) + "\xFE" + u16(1) + "p"));
+  EXPECT_EQ(Bytes(m->addr.dst_name), Bytes(63, 'N'));
+  EXPECT_EQ(Bytes(m->addr.dst_addr), Bytes(63, 'A'));
+  const std::tuple<Bytes, const char*, Bytes> cases[] = {
+      {entry1(1, "ME") + entry1(9, "zz") + entry1(3, "ADDR"), "ME", ""},  // unknown sub-key
+      {entry1(1, "ME") + "\003\020AB", "ME", ""},  // sub-entry running past the block
+      {"\002\002ab" + entry1(1, "ME"), "", ""},    // value of the wrong size
+      {entry1(3, Bytes(251, 'a')) + entry1(1, "ME"), "", Bytes(63, 'a')},  // first 256 bytes only
+      {entry1(3, "ADDR") + "\x01", "", "ADDR"},                            // odd trailing byte
+  };
+  for (const auto& [block, src_name, src_addr] : cases) {
+    ccm_msg_t* s = classified(frame("\xFD" + u16(block.size()) + block + "\xFE" + u16(2) + "ok"));
+    EXPECT_STREQ(s->addr.src_name, src_name) << testing::PrintToString(block);
+    EXPECT_EQ(Bytes(s->addr.src_addr), src_addr);
+    EXPECT_EQ(text(s), "ok");
+  }
+}
+
+using SendTest = WireTest;
+
+Bytes payload_of(size_t n) {
+  Bytes p(n, '\0');
+  for (size_t i = 0; i < n; ++i)
+    p[i] = static_cast<char>('A' + i % 26);
+  return p;
+}
+
+// The 339-byte frame of a 276-byte job message, and it reads back as what was sent.
+TEST_F(SendTest, JobMessageGoesOutAsNatFrameToTheReceiver) {
+  const Bytes payload = payload_of(276);
+  ccm_msg_t* m = ccm_msg_alloc(ccm_, &err_);
+  std::memcpy(m->msg_start, payload.data(), 276);
+  m->len = 276;
+  ccm_setaddr(m, 7, 0, "", "JPAKTJ_R", 0);
+  ASSERT_EQ(send_NAT_message(ccm_, m), 0);
+  EXPECT_EQ(m->type, CCM_MSG_NAT);
+  EXPECT_EQ(m->addr.dst_ID, 7);
+  EXPECT_EQ(ccm_->msgq_inuse.head, nullptr);
+  const Bytes want = "00000339QX7:global001NAT" + Bytes(24, ' ') + "\x01\x08JPAKTJ_R" +
+                     "\xFF\x14\x01\0\0"s + payload;
+  EXPECT_EQ(take_sent(), want);
+  ccm_msg_t* in = classified(want);
+  EXPECT_EQ(text(in), payload);
+  EXPECT_STREQ(in->addr.dst_name, "JPAKTJ_R");
+}
+
+// Outside running mode 0, messages to "*SERVER" go to the agent wrapped in a routing record,
+// even when the payload is longer than a pool message.
+TEST_F(SendTest, ServerMessagesAreRoutedOutsideRunningModeZero) {
+  const std::tuple<int, const char*, size_t, bool> cases[] = {{0, "*SERVER", 40, false},
+                                                              {3, "*SERVER", 40, true},
+                                                              {3, "*SERVER2", 40, false},
+                                                              {3, "*SERVER", 65200, true}};
+  for (auto [mode, dst, size, routed] : cases) {
+    app_.running_mode = mode;
+    const Bytes payload = payload_of(size);
+    ccm_msg_t* m = ccm_msg_alloc_huge(ccm_, std::max<int>(CCM_MSG_POOL_SIZE, size), &err_);
+    std::memcpy(m->msg_start, payload.data(), size);
+    m->len = static_cast<int>(size);
+    ccm_setaddr(m, 0, 0, dst, "JPAKTJ_R", 0);
+    ccm_setback(m, "", "ME", 0);
+    ASSERT_EQ(send_NAT_message(ccm_, m), 0);
+    if (routed) {
+      EXPECT_STREQ(ccm_->sendq.head->addr.dst_addr, "*IPC(AGENT)");
+      EXPECT_EQ(ccm_->sendq.head->type, CCM_MSG_IPC);
+    }
+    const Bytes f = take_sent();
+    if (!routed) {
+      EXPECT_EQ(f.substr(21, 3) + f.substr(48, 10), "NAT\x01\x08JPAKTJ_R") << mode << dst;
+      continue;
+    }
+    ASSERT_EQ(f.size(), 48u + 308 + size);
+    EXPECT_EQ(f.substr(0, 48) + f.substr(48, 16),
+              frame_header(static_cast<int>(f.size()), "IPC") + "ROUTENAT\0\0\0\0\0\0\0\0"s);
+    ccm_addr_t addr;
+    std::memcpy(&addr, f.data() + 48 + 16, sizeof addr);
+    EXPECT_STREQ(addr.dst_addr, "*SERVER");
+    EXPECT_STREQ(addr.src_name, "ME");
+    EXPECT_EQ(f.substr(48 + 304, 4), u32(static_cast<unsigned>(size)));
+    EXPECT_EQ(f.substr(48 + 308), payload);
+  }
+}
+
+TEST_F(SendTest, NativeGssAndIpcFramesGetTheirHeaders) {
+  const struct {
+    int (*send)(ccm_context_t*, ccm_msg_t*);
+    Bytes body, frame;
+    int type;
+  } cases[] = {
+      {send_native_message, "\x04\x02hi", frame_header(52, "NAT") + "\x04\x02hi", 0},
+      {send_IPC_message, "LOGGING", frame_header(55, "IPC") + "LOGGING", 3},
+      {[](ccm_context_t* c, ccm_msg_t* m) { return send_GSS_message(c, m, "KERBEROS5X"); }, "tok",
+       frame_header(51, "GSS", "KERBEROS") + "tok", 0},
+      {[](ccm_context_t* c, ccm_msg_t* m) { return send_GSS_message(c, m, "K5"); }, "tok",
+       frame_header(51, "GSS", "K5      ") + "tok", 0},
+  };
+  for (const auto& c : cases) {
+    ccm_msg_t* m = ccm_msg_alloc(ccm_, &err_);
+    std::memcpy(m->msg_start, c.body.data(), c.body.size());
+    m->len = static_cast<int>(c.body.size());
+    ASSERT_EQ(c.send(ccm_, m), 0) << c.body;
+    EXPECT_EQ(m->type, c.type) << c.body;
+    EXPECT_EQ(take_sent(), c.frame);
+  }
+  ccm_msg_t* m = message("abc", false);  // without head room the message stays with the caller
+  m->msg_start = m->buffer1 + 20;
+  EXPECT_EQ(send_native_message(ccm_, m), -1);
+  EXPECT_EQ(send_NAT_message(ccm_, m), -1);
+  EXPECT_EQ(m->msg_start, m->buffer1 + 20);
+  EXPECT_EQ(m->len, 3);
+  EXPECT_EQ(ccm_get_sendq_count(ccm_), 0);
+}
+
+TEST_F(SendTest, ForwardSendsACopyFromTheServer) {
+  ccm_msg_t* in = message("job data", false);
+  ccm_setaddr(in, 0, 0, "", "JPAKTJ_R", 0x0A);
+  ccm_setback(in, "*CP1", "SENDER", 0x0B);
+  EXPECT_EQ(ccm_forward_NAT_message(ccm_, in, 42, "*CP9", &err_, 1), -1);
+  EXPECT_EQ(err_.msgnr, 2003070);
+  EXPECT_STREQ(err_.msginsert, "42/*CP9|channel not found|");
+  EXPECT_EQ(ccm_get_sendq_count(ccm_), 0);
+  ASSERT_EQ(ccm_forward_NAT_message(ccm_, in, 42, "", &err_, 0), 0);  // unchecked: by the ID
+  EXPECT_EQ(ccm_->sendq.head->addr.dst_ID, 42);
+  EXPECT_EQ(ccm_->sendq.head->addr.src_acv, 0x0B);
+  EXPECT_EQ(take_sent().substr(48), "\x02\x04\x0A\0\0\0"s + "\x01\x08JPAKTJ_R" + "\xFF\x08\0\0\0"s +
+                                        "job data" + "\xFD\x19\0"s +
+                                        "\x03\x07*SERVER\x01\x08SENDER  " + "\x02\x04\x0B\0\0\0"s);
+  EXPECT_EQ(text(in), "job data");
+}
+
+// ccm_setaddr sets only the destination; a reply goes back to the sender's source.
+TEST_F(SendTest, AddressingSetsOnlyItsOwnSide) {
+  ccm_msg_t* m = message("", false);
+  ccm_setback(m, "*SERVER", "ME", 3);
+  m->addr.src_ID = 11;
+  ccm_addr_t* a = ccm_setaddr(m, 7, 99, "", "JPAKTJ_R", 0);
+  EXPECT_EQ(a, &m->addr);
+  EXPECT_EQ(std::memcmp(a->eyec, "#CCMADDR", 8), 0);
+  EXPECT_EQ(a->dst_ID, 7);
+  EXPECT_STREQ(a->dst_name, "JPAKTJ_R");
+  EXPECT_STREQ(a->src_addr, "*SERVER");
+  EXPECT_EQ(a->src_ID, 11);
+  const Bytes long_text(100, 'x');
+  ccm_setaddr(m, 1, 0, long_text.c_str(), long_text.c_str(), 0);
+  EXPECT_EQ(Bytes(a->dst_addr) + Bytes(a->dst_name), Bytes(126, 'x'));  // cut to 63 each
+  ccm_setaddr(m, 7, 99, "", "JPAKTJ_R", 0);
+  ccm_msg_t* answer = message("", false);
+  ccm_setback(answer, "me", "ANSWER", 5);
+  ccm_setaddr_reply(answer, m);
+  EXPECT_EQ(answer->addr.dst_ID, 11);
+  EXPECT_STREQ(answer->addr.dst_addr, "*SERVER");
+  EXPECT_STREQ(answer->addr.dst_name, "ME");
+  EXPECT_EQ(answer->addr.dst_acv, 3);
+  EXPECT_STREQ(answer->addr.src_name, "ANSWER");
+  EXPECT_EQ(answer->addr.src_acv, 5);
+}
+
+// Counts skip deleted channels; only live channels of a type other than -1 count for pending
+// output.
+TEST_F(SendTest, CountsSkipDeletedChannels) {
+  const std::pair<int, int> kinds[] = {{1, 0},
+                                       {3, 0},
+                                       {4, 0},
+                                       {6, 0},
+                                       {0, 0},
+                                       {255, 0},
+                                       {3, CCM_CHFLAG_DELETED},
+                                       {4, CCM_CHFLAG_DELETED},
+                                       {-1, 0}};
+  ccm_channel_t channels[std::size(kinds)] = {};
+  for (size_t i = 0; i < std::size(kinds); ++i) {
+    std::tie(channels[i].type, channels[i].flag) = kinds[i];
+    pthread_spin_init(&channels[i].queue_lock, PTHREAD_PROCESS_PRIVATE);
+    channels[i].nxt = i + 1 < std::size(kinds) ? &channels[i + 1] : nullptr;
+  }
+  ccm_->channelq.head = &channels[0];
+  ccm_->channelq.tail = &channels[std::size(kinds) - 1];
+  EXPECT_EQ(ccm_get_nof_server_connections(ccm_), 2);
+  EXPECT_EQ(ccm_get_nof_connections(ccm_), 3);
+  EXPECT_EQ(ccm_get_nof_agent_connections(ccm_), 1);
+  EXPECT_EQ(ccm_get_nof_channels(ccm_), 6);
+  ccm_msg_t* m = message("", false);
+  EXPECT_EQ(ccm_is_all_sendq_empty(ccm_), 1);
+  channels[6].sendq.head = channels[8].sendq.head = m;  // deleted, type -1
+  EXPECT_EQ(ccm_is_all_sendq_empty(ccm_), 1);
+  channels[2].sendq.head = m;
+  EXPECT_EQ(ccm_is_all_sendq_empty(ccm_), 0);
+  for (ccm_channel_t& ch : channels) {
+    ch.sendq.head = nullptr;
+    pthread_spin_destroy(&ch.queue_lock);
+  }
+  ccm_->channelq.head = ccm_->channelq.tail = nullptr;
+}
+
+}  // namespace
+}  // namespace ccm_test
