@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "common/trace_log.h"
 #include "support/ccm.h"
 
 namespace ccm_test {
@@ -273,24 +272,6 @@ TEST(HostnameToAddress, LiteralsBracketsLocalhostAndBadNames) {
     EXPECT_EQ(std::vector<unsigned char>(bytes, bytes + sizeof addr),
               std::vector<unsigned char>(sizeof addr, 0));
   }
-}
-
-std::vector<std::string> logged;
-int capture(int msgnr, const char* insert) {
-  logged.push_back(std::to_string(msgnr) + " " + insert);
-  return 0;
-}
-
-TEST(LogAllIp, LogsEveryAnswerBracketed) {
-  logged.clear();
-  __log_set_logger(capture);
-  ccm_error_t err{};
-  EXPECT_EQ(ccm_log_all_ip("::1", &err), 0);
-  EXPECT_EQ(ccm_log_all_ip("no-such-host.invalid", &err), -1);
-  __log_set_logger(nullptr);
-  EXPECT_EQ(std::string(err.msginsert).rfind("getaddrinfo|", 0), 0u);
-  ASSERT_FALSE(logged.empty());
-  EXPECT_EQ(logged[0], "2000066 ::1|[::1]");
 }
 
 }  // namespace

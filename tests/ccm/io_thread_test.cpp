@@ -262,7 +262,7 @@ TEST_F(NetThreadTest, DispatchRoutesByIdOrNameAndFreesTheUnroutable) {
   send(999, "", std::string(60, 'u'));
   ccm_msg_t* kept = send(998, "", std::string(60, 'k'), CCM_MSGFLAG_KEEP);
   const int free_before = ccm_->nof_freemsg;
-  trcFlag = 1;
+  trcFlag = 1;  // the trace counts every dispatched message, the freed one included
   testing::internal::CaptureStdout();
   EXPECT_EQ(ccm_dispatch_send_messages(ccm_), 0);
   fflush(stdout);
@@ -305,21 +305,6 @@ TEST_F(NetThreadTest, CycleServesSocketsAboveTheFdSetLimit) {
   EXPECT_EQ(recv(peer, back, sizeof back, MSG_DONTWAIT), 64);
   EXPECT_EQ(std::string(back, 64), f);
   close(peer);
-}
-
-TEST(FdSetText, ListsMembersAndCutsWithAMarker) {
-  alignas(8) static unsigned char set[8192];
-  std::memset(set, 0, sizeof set);
-  char text[CCM_FDSET_TEXT_SIZE];
-  EXPECT_STREQ(ccm_fdset_text(text, sizeof text, set, 65535), "");
-  for (int fd : {0, 3, 1030, 65535})
-    set[fd / 8] |= static_cast<unsigned char>(1u << (fd % 8));
-  EXPECT_STREQ(ccm_fdset_text(text, sizeof text, set, 65535), "0,3,1030,65535");
-  EXPECT_STREQ(ccm_fdset_text(text, sizeof text, set, 1030), "0,3,1030");
-  std::memset(set, 0xff, sizeof set);
-  const std::string all = ccm_fdset_text(text, sizeof text, set, 65535);
-  EXPECT_LT(all.size(), sizeof text);
-  EXPECT_EQ(all.substr(0, 8) + all.substr(all.size() - 4), "0,1,2,3,,...");
 }
 
 // When the second channel of a pair cannot be made, the first goes again without a notice.
@@ -575,12 +560,6 @@ TEST_F(IpcDispatchTest, PassedDescriptorArrivesWithItsControlData) {
   ASSERT_EQ(send_file_descriptor(ccm_, from_name.c_str(), pipefd[1], 5, 6, "JOBOUTPUT"), 0);
   ccm_msg_t* m = next_message();
   ASSERT_NE(m, nullptr);
-  {
-    std::lock_guard<std::mutex> lock(log_mutex);
-    EXPECT_NE(std::find(logged.begin(), logged.end(),
-                        std::make_pair(CCM_MSGNR_PASSFD, std::to_string(pipefd[1]) + "/ID=5")),
-              logged.end());
-  }
   EXPECT_EQ(m->type, CCM_MSG_IPC);
   EXPECT_EQ(m->addr.src_ID, to_id);
   ASSERT_EQ(m->len, 156);
