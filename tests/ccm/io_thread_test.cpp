@@ -127,9 +127,14 @@ TEST_F(IoTest, InvalidLengthIsRejectedAtOnceAndPartnerCloseWithoutError) {
     EXPECT_TRUE(ch->flag & CCM_CHFLAG_DELETED) << length;
     EXPECT_EQ(ch->msgnr, CCM_MSGNR_RECEIVE_ERROR);
     EXPECT_EQ(ch->recv_size, CCM_RECV_GROW_STEP);
+    EXPECT_EQ(std::string(ch->msginsert).rfind(std::string(ch->name) + "|", 0), 0u)
+        << ch->msginsert;
     close(peer);
   }
   EXPECT_TRUE(take_bodies().empty());
+  unsigned char good[] = "00000339QX7:global", junk[] = "abcdefgh";
+  EXPECT_EQ(ccm_get_msg_length(ccm_, ch_, good), 339u);
+  EXPECT_EQ(ccm_get_msg_length(ccm_, ch_, junk), 0u);
   close(peer_);
   peer_ = -1;
   EXPECT_EQ(ccm_read_channel(ccm_, ch_, &err_), -1);

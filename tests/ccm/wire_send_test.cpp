@@ -80,18 +80,6 @@ TEST(FrameLength, OnlyEightDigitsWithinBoundsAreAccepted) {
     EXPECT_EQ(ccm_check_msg_length(reinterpret_cast<const unsigned char*>(digits)), want) << digits;
 }
 
-TEST_F(WireTest, InvalidLengthIsRecordedOnTheChannel) {
-  auto* bad = reinterpret_cast<const unsigned char*>("0000004xQX7:global");
-  EXPECT_EQ(ccm_get_valid_msg_length(ccm_, &ch_, bad, &err_), -1);
-  EXPECT_EQ(ch_.msgnr, 2002036);
-  EXPECT_NE(std::strstr(ch_.msginsert, "*ID7|"), nullptr);
-  EXPECT_EQ(err_.msgnr, 2002036);
-  unsigned char good[] = "00000339QX7:global", junk[] = "abcdefgh";
-  EXPECT_EQ(ccm_get_valid_msg_length(ccm_, &ch_, good, &err_), 339);
-  EXPECT_EQ(ccm_get_msg_length(ccm_, &ch_, good), 339u);
-  EXPECT_EQ(ccm_get_msg_length(ccm_, &ch_, junk), 0u);
-}
-
 TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
   ccm_msg_t* m = message("", false);
   char hello[] = "hello";
