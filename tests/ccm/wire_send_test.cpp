@@ -134,12 +134,8 @@ TEST_F(WireTest, SentAddressesComeBackOnReceipt) {
   EXPECT_EQ(in->type, CCM_MSG_NAT);
   EXPECT_EQ(in->protocol_key, 0);
   EXPECT_EQ(text(in), "payload");
-  EXPECT_STREQ(in->addr.dst_name, "JPAKTJ_R");
-  EXPECT_STREQ(in->addr.dst_addr, "*CP0001");
-  EXPECT_EQ(in->addr.dst_acv, 0x01020304);
-  EXPECT_STREQ(in->addr.src_name, "ME      ");  // blanks stay inside the source block
-  EXPECT_STREQ(in->addr.src_addr, "*SERVER");
-  EXPECT_EQ(in->addr.src_acv, 77);
+  // Names are cut to 8; blanks stay inside the source block.
+  EXPECT_EQ(addr_text(in->addr), "0,*CP0001,JPAKTJ_R,0x1020304<0,*SERVER,ME      ,0x4d");
   EXPECT_EQ(ch_.flag & CCM_CHFLAG_CONNECTING, 0);  // the first frame ends the connecting state
 }
 
@@ -363,10 +359,7 @@ TEST_F(SendTest, AddressingSetsOnlyItsOwnSide) {
   ccm_addr_t* a = ccm_setaddr(m, 7, 99, "", "JPAKTJ_R", 0);
   EXPECT_EQ(a, &m->addr);
   EXPECT_EQ(std::memcmp(a->eyec, "#CCMADDR", 8), 0);
-  EXPECT_EQ(a->dst_ID, 7);
-  EXPECT_STREQ(a->dst_name, "JPAKTJ_R");
-  EXPECT_STREQ(a->src_addr, "*SERVER");
-  EXPECT_EQ(a->src_ID, 11);
+  EXPECT_EQ(addr_text(*a), "7,,JPAKTJ_R,0<11,*SERVER,ME,0x3");
   const Bytes long_text(100, 'x');
   ccm_setaddr(m, 1, 0, long_text.c_str(), long_text.c_str(), 0);
   EXPECT_EQ(Bytes(a->dst_addr) + Bytes(a->dst_name), Bytes(126, 'x'));  // cut to 63 each
@@ -374,12 +367,7 @@ TEST_F(SendTest, AddressingSetsOnlyItsOwnSide) {
   ccm_msg_t* answer = message("", false);
   ccm_setback(answer, "me", "ANSWER", 5);
   ccm_setaddr_reply(answer, m);
-  EXPECT_EQ(answer->addr.dst_ID, 11);
-  EXPECT_STREQ(answer->addr.dst_addr, "*SERVER");
-  EXPECT_STREQ(answer->addr.dst_name, "ME");
-  EXPECT_EQ(answer->addr.dst_acv, 3);
-  EXPECT_STREQ(answer->addr.src_name, "ANSWER");
-  EXPECT_EQ(answer->addr.src_acv, 5);
+  EXPECT_EQ(addr_text(answer->addr), "11,*SERVER,ME,0x3<0,me,ANSWER,0x5");
 }
 
 // Counts skip deleted channels; only live channels of a type other than -1 count for pending

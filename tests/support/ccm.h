@@ -47,6 +47,15 @@ inline std::string text(const ccm_msg_t* m) {
   return std::string(reinterpret_cast<const char*>(m->msg_start), m->len);
 }
 
+// A message's addressing on one line, "dst_ID,dst_addr,dst_name,dst_acv<src_ID,...": one
+// comparison shows every field that differs.
+inline std::string addr_text(const ccm_addr_t& a) {
+  char t[320];
+  std::snprintf(t, sizeof t, "%d,%s,%s,%#x<%d,%s,%s,%#x", a.dst_ID, a.dst_addr, a.dst_name,
+                a.dst_acv, a.src_ID, a.src_addr, a.src_name, a.src_acv);
+  return t;
+}
+
 // While it lives, allocations tagged `tag` are counted and the nth of them fails: every one
 // for nth 0, none for nth -1.
 inline const char* hook_tag = nullptr;
