@@ -1,9 +1,15 @@
-// Whole runs of qx_jpmd against fake agents: the frame each kind of event puts on the wire,
-// and agents that refuse, stay silent, close, reset, greet wrongly, send garbage or never
-// reply. Every run prints its report, exits with the job's status, writes nothing to standard
-// error and ends within (RETRY - 1) x 120 + (RETRY + 1) x TIMEOUT + 5 seconds.
+// Whole runs of qx_jpmd against fake agents: the frame of each event kind, hostile agents and
+// repeated runs that stress the end of a run; then the agent session in-process (attempts,
+// pauses, stale close notices, no context). Every run prints its report, exits with the job's
+// status, writes nothing to standard error and ends within (RETRY - 1) x 120 +
+// (RETRY + 1) x TIMEOUT + 5 seconds.
 #include <gtest/gtest.h>
 
+#include <memory>
+
+#include "ccm/internal.h"
+#include "messenger/agent_session.h"
+#include "messenger/driver.h"
 #include "support/agent.h"
 
 namespace {
@@ -48,63 +54,34 @@ Bytes variable_body(int job, int client, const std::string& name, const std::str
 }
 
 // Every kind of event arrives as one frame, byte for byte; only the time stamp (within seconds
-// of now) and the messenger's own process ID are taken from what came.
+// of now) and the messenger's own process ID are taken from what came. The report itself is
+// checked byte for byte by the command-line tests.
 TEST(AgentMessenger, FrameOfEachEventOnTheWire) {
   const std::string t40(40, 'x'), f200(200, 'f'), n300(300, 'n'), v1100(1100, 'v');
-  const struct {
-    std::vector<std::string> args;
-    int status;
-    const char* report;  // a piece of the report
-    Bytes body;
-  } cases[] = {
+  const std::pair<std::vector<std::string>, Bytes> cases[] = {
       {{"TYP=S", "JNR=7", "MNR=100", "TXT=nightly load"},
-       0,
-       "**  JOB 00000007 (ProcID:",
        status_body(7, 100, 'R', "nightly load", 0)},
-      {{"TYP=E", "JNR=8", "MNR=100", "RET=3", "TXT=" + t40},
-       3,
-       "RETCODE=03",
-       status_body(8, 100, 'E', t40, 3)},
-      {{"JNR=1", "MNR=-1", "RET=-1"}, 0, "RESTART AT", status_body(1, -1, 'R', "", -1)},
-      {{"TYP=O", "JNR=9", "MNR=2", "ULOGIN=Yes", "OUTFILE=/var/spool/job9.out"},
-       0,
-       "registered output file '/var/spool/job9.out'",
-       output_body(9, 2, 'Y', "/var/spool/job9.out")},
-      {{"TYP=O", "JNR=9", "OUTFILE=" + f200}, 0, "login check 'N'", output_body(9, 0, 'N', f200)},
+      {{"TYP=E", "JNR=8", "MNR=100", "RET=3", "TXT=" + t40}, status_body(8, 100, 'E', t40, 3)},
+      {{"JNR=1", "MNR=-1", "RET=-1"}, status_body(1, -1, 'R', "", -1)},
+      {{"TYP=O", "JNR=9", "MNR=2", "ULOGIN=Yes", "OUTFILE=/o/j9"}, output_body(9, 2, 'Y', "/o/j9")},
+      {{"TYP=O", "JNR=9", "OUTFILE=" + f200}, output_body(9, 0, 'N', f200)},
       {{"TYP=V", "JNR=10", "MNR=2", "NAME=X", "VALUE=1", "VTYPE=C"},
-       0,
-       "Registered variable: 'C' X=1",
        variable_body(10, 2, "X", "1", 'C')},
       {{"TYP=V", "JNR=11", "NAME=" + n300, "VALUE=" + v1100, "VTYPE=N"},
-       0,
-       "Registered variable: 'N' n",
        variable_body(11, 0, n300, v1100, 'N')},
-      {{"TYP=V", "JNR=12", "VALUE=1", "VTYPE=C"},
-       0,
-       "Registered variable: 'C' NULL=1",
-       variable_body(12, 0, "", "1", 'C')},
+      {{"TYP=V", "JNR=12", "VALUE=1", "VTYPE=C"}, variable_body(12, 0, "", "1", 'C')},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.args[0] + " " + c.args[1]);
+  for (auto [args, want] : cases) {
+    SCOPED_TRACE(args[0] + " " + args[1]);
     FakeAgent agent(good_agent);
     ASSERT_TRUE(agent.ok());
-    std::vector<std::string> args = c.args;
     args.push_back("TIMEOUT=5");
-    const RunResult run = run_messenger(agent.port(), args);
-    expect_sound_run(run, c.status, time_bound(3, 5));
-    EXPECT_NE(run.out.find(c.report), std::string::npos) << run.out;
-
+    // An end event exits with its return code, every other with 0.
+    expect_sound_run(run_messenger(agent.port(), args), want[24] == 'E' ? 3 : 0, time_bound(3, 5));
     const std::vector<Bytes> frames = agent.frames();
     ASSERT_EQ(frames.size(), 1u);
-    const Bytes& f = frames[0];
-    const size_t len = c.body.size();
-    ASSERT_EQ(f.size(), 63 + len);
-    Bytes prefix = nat_frame("JPAKTJ_R", Bytes(len));
-    prefix.resize(63);
-    EXPECT_EQ(Bytes(f.begin(), f.begin() + 63), prefix);
-
-    const Bytes body(f.begin() + 63, f.end());
-    Bytes want = c.body;
+    ASSERT_EQ(frames[0].size(), 63 + want.size());
+    const Bytes body(frames[0].begin() + 63, frames[0].end());
     if (want[24] == 'O') {
       EXPECT_TRUE(adopt_time(body, want, 68, 84));
     } else if (want[24] == 'V') {
@@ -119,46 +96,7 @@ TEST(AgentMessenger, FrameOfEachEventOnTheWire) {
       put_le(want, 132, static_cast<unsigned>(getpid()));
       put_le(want, 136, static_cast<unsigned>(getpgrp()));
     }
-    EXPECT_EQ(body, want);
-  }
-}
-
-// ---- Hostile agents ---------------------------------------------------------------------------
-
-struct HostileCase {
-  const char* name;
-  std::function<void(int& fd)> script;  // null: nothing listens (refused)
-  bool delivered;                       // the job message reaches the agent
-  const char* trace;                    // a line the trace must contain
-  int timeout = 1;                      // long enough for the agent's script on a busy host
-};
-
-class HostileAgents : public ::testing::TestWithParam<HostileCase> {};
-
-TEST_P(HostileAgents, RunEndsSoundly) {
-  const HostileCase& c = GetParam();
-  FakeAgent agent([&](FakeAgent& self, int& fd, int) {
-    if (c.script) c.script(fd);
-    Bytes rest;
-    if (fd >= 0 && c.delivered) {
-      wait_eof(fd, 5000, &rest);
-      self.keep(rest);
-    }
-  });
-  ASSERT_TRUE(agent.ok());
-  const RunResult run = run_messenger(
-      c.script ? agent.port() : refused_port(),
-      {"TYP=E", "JNR=77", "RET=5", "RETRY=1", "TIMEOUT=" + std::to_string(c.timeout), "TRC=1"});
-  expect_sound_run(run, 5, time_bound(1, c.timeout));
-  EXPECT_NE(run.out.find("**  JOB 00000077 (ProcID:"), std::string::npos);
-  EXPECT_NE(run.out.find(c.trace), std::string::npos) << run.out;
-
-  const std::vector<Bytes> kept = agent.frames();
-  ASSERT_EQ(kept.size(), c.delivered ? 1u : 0u);
-  if (c.delivered) {  // exactly one MELD frame before the close
-    ASSERT_EQ(kept[0].size(), 339u);
-    EXPECT_EQ(std::string(kept[0].begin(), kept[0].begin() + 8), "00000339");
-    EXPECT_EQ(std::string(kept[0].begin() + 63, kept[0].begin() + 71), "MELD    ");
+    EXPECT_EQ(frames[0], nat_frame("JPAKTJ_R", want));
   }
 }
 
@@ -179,36 +117,204 @@ Bytes text(const std::string& s) {
   return Bytes(s.begin(), s.end());
 }
 
-const char kInvalid[] = "main:      invalid answer";
+// Whatever the agent does, the report is printed and the run ends soundly; only a greeted run
+// puts its job message on the wire, exactly once.
+TEST(AgentMessenger, HostileAgents) {
+  const char kInvalid[] = "main:      invalid answer", kNormal[] = "ended normally";
+  const auto byte_by_byte = [](int& fd) {
+    const int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    for (unsigned char ch : native_frame("slow agent")) {
+      write_all(fd, Bytes{ch});
+      usleep(2000);
+    }
+  };
+  const struct {
+    const char* name;
+    std::function<void(int& fd)> script;  // null: nothing listens (refused)
+    bool delivered;                       // the job message reaches the agent
+    const char* trace;                    // a line the trace must contain
+    int timeout = 1;                      // long enough for the agent's script on a busy host
+  } cases[] = {
+      {"refused", nullptr, false, kNormal},
+      {"silent", [](int& fd) { wait_eof(fd, 3000); }, false, "ended abnormally"},
+      {"closes at once", [](int& fd) { close(std::exchange(fd, -1)); }, false, kInvalid},
+      {"resets", [](int& fd) { reset_close(std::exchange(fd, -1)); }, false, kInvalid},
+      {"greets with a NAT message", sends(nat_frame("JPAKTJ_S", text("hello"))), false, kInvalid},
+      {"greets with key 7", sends(native_frame("hello", 7)), false, kInvalid},
+      {"sends garbage", sends(text("GET / HTTP/1.0\r\nHost: agent\r\n\r\n")), false, kInvalid},
+      {"length not a number", sends(with_length("00x00060")), false, kInvalid},
+      {"length below the header", sends(with_length("00000010")), false, kInvalid},
+      {"huge length", sends(with_length("99999999")), false, kInvalid},
+      {"greets byte by byte", byte_by_byte, true, kNormal, 5},
+      {"never replies", [](int& fd) { write_all(fd, native_frame("mute")); }, true, kNormal},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeAgent agent([&](FakeAgent& self, int& fd, int) {
+      if (c.script) c.script(fd);
+      Bytes rest;  // all that comes after the greeting, up to the messenger's close
+      if (fd < 0 || !c.delivered) return;
+      wait_eof(fd, 10000, &rest);
+      self.keep(rest);
+    });
+    ASSERT_TRUE(agent.ok());
+    const RunResult run = run_messenger(
+        c.script ? agent.port() : refused_port(),
+        {"TYP=E", "JNR=77", "RET=5", "RETRY=1", "TIMEOUT=" + std::to_string(c.timeout), "TRC=1"});
+    expect_sound_run(run, 5, time_bound(1, c.timeout));
+    EXPECT_NE(run.out.find("**  JOB 00000077 (ProcID:"), std::string::npos);
+    EXPECT_NE(run.out.find(c.trace), std::string::npos) << run.out;
+    const std::vector<Bytes> kept = agent.frames();
+    ASSERT_EQ(kept.size(), c.delivered ? 1u : 0u);
+    if (c.delivered) {  // one MELD frame
+      ASSERT_EQ(kept[0].size(), 339u);
+      EXPECT_EQ(std::string(kept[0].begin(), kept[0].begin() + 8), "00000339");
+      EXPECT_EQ(std::string(kept[0].begin() + 63, kept[0].begin() + 71), "MELD    ");
+    }
+  }
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    Messenger, HostileAgents,
-    ::testing::Values(
-        HostileCase{"refused", nullptr, false, "ended normally"},
-        HostileCase{"silent", [](int& fd) { wait_eof(fd, 3000); }, false, "ended abnormally"},
-        HostileCase{"closes_at_once", [](int& fd) { close(std::exchange(fd, -1)); }, false,
-                    kInvalid},
-        HostileCase{"resets", [](int& fd) { reset_close(std::exchange(fd, -1)); }, false, kInvalid},
-        HostileCase{"greets_with_nat_message", sends(nat_frame("JPAKTJ_S", text("hello"))), false,
-                    kInvalid},
-        HostileCase{"greets_with_key_7", sends(native_frame("hello", 7)), false, kInvalid},
-        HostileCase{"sends_garbage", sends(text("GET / HTTP/1.0\r\nHost: agent\r\n\r\n")), false,
-                    kInvalid},
-        HostileCase{"length_not_a_number", sends(with_length("00x00060")), false, kInvalid},
-        HostileCase{"length_below_header", sends(with_length("00000010")), false, kInvalid},
-        HostileCase{"length_huge", sends(with_length("99999999")), false, kInvalid},
-        HostileCase{"greets_byte_by_byte",
-                    [](int& fd) {
-                      const int one = 1;
-                      setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-                      for (unsigned char ch : native_frame("slow agent")) {
-                        write_all(fd, &ch, 1);
-                        usleep(2000);
-                      }
-                    },
-                    true, "ended normally", 5},
-        HostileCase{"never_replies", [](int& fd) { write_all(fd, native_frame("mute")); }, true,
-                    "ended normally"}),
-    [](const auto& info) { return std::string(info.param.name); });
+// The greeting and a second frame arrive in one segment, so the second is queued before the
+// job message is even built. It is no reply: the job message must still reach the wire
+// exactly once, and the run waits for the real reply before it closes.
+TEST(AgentMessenger, FrameBehindGreetingInOneSegment) {
+  constexpr int kRuns = 100;
+  std::atomic<int> exactly_one{0};
+  FakeAgent agent([&](FakeAgent&, int& fd, int) {
+    Bytes both = native_frame("agent"), extra = native_frame("unasked"), meld, rest;
+    both.insert(both.end(), extra.begin(), extra.end());
+    write_all(fd, both);
+    if (!read_frame(fd, &meld) || std::string(meld.begin() + 63, meld.begin() + 71) != "MELD    ")
+      return;
+    write_all(fd, native_frame("OK"));
+    if (wait_eof(fd, 5000, &rest) && rest.empty()) exactly_one++;
+  });
+  ASSERT_TRUE(agent.ok());
+  for (int i = 0; i < kRuns && !HasFailure(); i++) {
+    SCOPED_TRACE("run " + std::to_string(i));
+    expect_sound_run(run_messenger(agent.port(), {"TYP=S", "TIMEOUT=2"}), 0, time_bound(3, 2));
+  }
+  for (int i = 0; i < 100 && agent.connections() < kRuns; i++)
+    usleep(10000);
+  usleep(100000);  // the last connection's script ends after the run's close
+  EXPECT_EQ(exactly_one.load(), kRuns);
+}
+
+// The agent greets and resets at once: whatever the messenger meets (a reset on read or on
+// write, where a plain write would raise SIGPIPE), the run exits with the job's return code.
+TEST(AgentMessenger, ResetRightAfterGreeting) {
+  constexpr int kRuns = 200;
+  FakeAgent agent([](FakeAgent&, int& fd, int) {
+    write_all(fd, native_frame("agent"));
+    reset_close(std::exchange(fd, -1));
+  });
+  ASSERT_TRUE(agent.ok());
+  for (int i = 0; i < kRuns && !HasFailure(); i++) {
+    SCOPED_TRACE("run " + std::to_string(i));
+    const RunResult run = run_messenger(agent.port(), {"TYP=E", "RET=7", "RETRY=1", "TIMEOUT=2"});
+    expect_sound_run(run, 7, time_bound(1, 2));
+  }
+  EXPECT_EQ(agent.connections(), kRuns);
+}
+
+// ---- The session in-process, with a short pause between attempts ----
+
+constexpr int kPauseMs = 300;
+
+class AgentSessionTest : public ::testing::Test {
+ protected:
+  int run(int retry, int port) {
+    initialize_messenger(&pcx_);  // the 120-second pause is replaced by the short one
+    pcx_.melder_type = pcx_.status = 'E';
+    pcx_.IoTimeOut = 5;
+    pcx_.reti = 9;
+    pcx_.jobnri = 5;
+    std::strcpy(pcx_.ipAddr, "127.0.0.1");
+    pcx_.connect_retry = retry;
+    pcx_.portnri = port;
+    AgentSessionTiming timing{kPauseMs};
+    const long long start = now_ms();
+    const int status = run_agent_session(&pcx_, &timing);
+    elapsed_ms_ = now_ms() - start;
+    return status;
+  }
+  PCX pcx_;
+  long long elapsed_ms_ = 0;
+};
+
+// Every attempt meets an agent that closes at once; every attempt but the first waits the
+// pause first, and a negative RETRY makes no attempt.
+TEST_F(AgentSessionTest, AttemptsAndPauses) {
+  for (auto [retry, attempts] : {std::pair{3, 3}, {1, 1}, {0, 0}, {-2, 0}}) {
+    SCOPED_TRACE("RETRY=" + std::to_string(retry));
+    FakeAgent agent([](FakeAgent&, int& fd, int) { close(std::exchange(fd, -1)); });
+    ASSERT_TRUE(agent.ok());
+    EXPECT_EQ(run(retry, agent.port()), 9);
+    EXPECT_EQ(agent.connections(), attempts);
+    EXPECT_EQ(pcx_.abnormal_end, 0);
+    EXPECT_EQ(pcx_.agentID, 0);
+    const std::vector<long long> at = agent.accept_times();
+    for (size_t i = 1; i < at.size(); i++) {
+      EXPECT_GE(at[i] - at[i - 1], kPauseMs - 5);
+      EXPECT_LT(at[i] - at[i - 1], kPauseMs + 3000);
+    }
+    EXPECT_LT(elapsed_ms_, std::max(attempts - 1, 0) * (kPauseMs + 3000) + 3000);
+    EXPECT_EQ(ccm, nullptr);
+  }
+}
+
+// The first attempt is refused at once, so its close notice is queued before the second
+// attempt starts; that notice must not be taken as the second attempt's answer.
+TEST_F(AgentSessionTest, RefusedThenDelivered) {
+  const int port = refused_port();
+  std::unique_ptr<FakeAgent> agent;
+  std::thread starter([&] {
+    usleep(kPauseMs * 1000 / 3);
+    agent = std::make_unique<FakeAgent>(good_agent, port);
+  });
+  const int status = run(2, port);
+  starter.join();
+  ASSERT_TRUE(agent->ok());
+  EXPECT_EQ(status, 9);
+  EXPECT_EQ(pcx_.abnormal_end, 0);
+  EXPECT_NE(pcx_.agentID, 0);
+  EXPECT_EQ(agent->connections(), 1);
+  const std::vector<Bytes> frames = agent->frames();
+  ASSERT_EQ(frames.size(), 1u);
+  EXPECT_EQ(std::string(frames[0].begin() + 63, frames[0].begin() + 71), "MELD    ");
+  // Nothing waits between the reply and the end (a wait for the time-out takes 5 seconds).
+  EXPECT_LT(elapsed_ms_, kPauseMs + 3000);
+}
+
+// The first connection is greeted wrongly and closed by the agent later, while the session
+// pauses: that close notice is no answer for the second attempt either.
+TEST_F(AgentSessionTest, LateCloseNoticeOfEarlierAttemptIsNoAnswer) {
+  FakeAgent agent([](FakeAgent& self, int& fd, int index) {
+    if (index > 0) return good_agent(self, fd, index);
+    write_all(fd, native_frame("wrong", 7));
+    usleep(50 * 1000);
+  });
+  ASSERT_TRUE(agent.ok());
+  EXPECT_EQ(run(2, agent.port()), 9);
+  EXPECT_EQ(agent.connections(), 2);
+  EXPECT_EQ(agent.frames().size(), 1u);
+  EXPECT_NE(pcx_.agentID, 0);
+}
+
+// Without a connection manager the run ends at once with the job's status.
+TEST_F(AgentSessionTest, NoContextNoAttempt) {
+  FakeAgent agent([](FakeAgent&, int&, int) {});
+  ASSERT_TRUE(agent.ok());
+  ccm_alloc = [](size_t size, const char* tag) -> void* {
+    return std::strcmp(tag, "CCM_OPEN") == 0 ? nullptr : ccm_alloc_default(size, tag);
+  };
+  const int status = run(3, agent.port());
+  ccm_alloc = ccm_alloc_default;
+  EXPECT_EQ(status, 9);
+  EXPECT_EQ(pcx_.abnormal_end, 1);
+  EXPECT_EQ(agent.connections(), 0);
+  EXPECT_EQ(ccm, nullptr);
+}
 
 }  // namespace

@@ -1,5 +1,6 @@
 // qx_agentsim as job script writers use it: each mode as a messenger run sees it, the event
-// it prints, its own exit after --count events, and wrong command lines.
+// it prints, its own exit after --count events and wrong command lines; and whole messenger
+// runs against it under valgrind (skipped in sanitizer builds and where it is missing).
 #include <gtest/gtest.h>
 
 #include "support/agent.h"
@@ -53,7 +54,7 @@ TEST(AgentSimulator, ExitsAfterCountEvents) {
         {"TYP=O", "JNR=" + std::to_string(job), "OUTFILE=/tmp/job.out", "RETRY=1", "TIMEOUT=5"});
     EXPECT_EQ(run.status, 0);
   }
-  EXPECT_EQ(sim.wait_exit(5000), 0);
+  EXPECT_EQ(sim.stop(false, 5000), 0);
   ASSERT_EQ(sim.lines().size(), 3u);
   EXPECT_NE(sim.lines()[2].find("file='/tmp/job.out'"), std::string::npos) << sim.lines()[2];
 }
@@ -67,6 +68,43 @@ TEST(AgentSimulator, WrongCommandLines) {
     EXPECT_EQ(run.status, 2) << args[0];
     EXPECT_NE(run.out.find("usage: qx_agentsim"), std::string::npos);
     EXPECT_EQ(run.err, "");
+  }
+}
+
+// Whole runs under memcheck: no memory error and no block left at exit, whether the event is
+// delivered, the agent stays silent or nothing listens. memcheck cannot follow the statically
+// linked qx_jpmd; these runs use its dynamically linked twin.
+TEST(AgentValgrind, WholeRunsLeaveNothing) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "sanitizer build";
+#endif
+  if (access("/usr/bin/valgrind", X_OK) != 0) GTEST_SKIP() << "valgrind missing";
+  const struct {
+    const char* mode;  // simulator mode; null: nothing listens
+    std::vector<std::string> args;
+  } cases[] = {
+      {"normal", {"TYP=S", "JNR=1", "TXT=valgrind"}},
+      {"normal", {"TYP=V", "JNR=2", "NAME=X", "VALUE=1", "VTYPE=C"}},
+      {"silent", {"TYP=S", "JNR=3", "TIMEOUT=1"}},
+      {nullptr, {"TYP=S", "JNR=4", "RETRY=1"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[1]);
+    Simulator sim({"--mode", c.mode != nullptr ? c.mode : "normal"});
+    const int port = c.mode != nullptr ? sim.port() : refused_port();
+    ASSERT_GT(port, 0);
+    std::vector<std::string> args = {"--leak-check=full",           "--show-leak-kinds=all",
+                                     "--errors-for-leak-kinds=all", "--error-exitcode=99",
+                                     bin_path("qx_jpmd_dynamic"),   "IPA=127.0.0.1",
+                                     "PNR=" + std::to_string(port), "TRC=1"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const RunResult run = run_program("/usr/bin/valgrind", args, 60);
+    EXPECT_TRUE(run.exited);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.err.find("ERROR SUMMARY: 0 errors"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("All heap blocks were freed"), std::string::npos) << run.err;
+    // memcheck really watched the heap: a run it could not follow shows no allocation.
+    EXPECT_EQ(run.err.find("total heap usage: 0 allocs"), std::string::npos) << run.err;
   }
 }
 

@@ -28,8 +28,8 @@ TEST(AgentLoad, ManyConnectionsThenManyMessengers) {
 
   // All connections open at once, then each one's exchange with a job status message.
   std::vector<int> fds;
-  for (int i = 0; i < kConnections; i++) {
-    fds.push_back(connect_loopback(sim.port()));
+  for (int i = 0, port = sim.port(); i < kConnections; i++) {
+    fds.push_back(loopback_socket(&port, false));
     ASSERT_GE(fds.back(), 0) << "connection " << i;
   }
   int complete = 0;

@@ -26,40 +26,29 @@ using qxtest::now_ms;
 using qxtest::run_program;
 using qxtest::RunResult;
 
-// ---- Frames -----------------------------------------------------------------------------------
-
-// The 48-byte header of a frame of `total` bytes.
-inline Bytes header(size_t total) {
+// A frame: the 48-byte header, then `body`.
+inline Bytes frame(const std::string& body) {
   char h[49];
-  snprintf(h, sizeof h, "%08zuQX7:global001NAT%24s", total, "");
-  Bytes b(std::max<size_t>(total, 48));  // room for the whole frame: GCC 12 misreads appends
-  std::memcpy(b.data(), h, 48);
-  b.resize(48);
-  return b;
+  snprintf(h, sizeof h, "%08zuQX7:global001NAT%24s", 48 + body.size(), "");
+  const std::string f = h + body;
+  return Bytes(f.begin(), f.end());
 }
-
-// A native frame: header, `key`, one length byte, the data. Key 4 is the agent's greeting.
-inline Bytes native_frame(const std::string& data, unsigned char key = 4) {
-  Bytes f = header(48 + 2 + data.size());
-  f.push_back(key);
-  f.push_back(static_cast<unsigned char>(data.size()));
-  f.insert(f.end(), data.begin(), data.end());
-  return f;
+// A native frame: `key`, one length byte, the data. Key 4 is the agent's greeting.
+inline Bytes native_frame(const std::string& data, char key = 4) {
+  return frame(std::string{key, static_cast<char>(data.size())} + data);
 }
-
 // A NAT frame to `dst` (8 characters) with a payload under the 32-bit length key.
 inline Bytes nat_frame(const std::string& dst, const Bytes& payload) {
-  Bytes f = header(48 + 15 + payload.size());
-  const std::string name = "\x01\x08" + (dst + "        ").substr(0, 8) + "\xFF";
-  f.insert(f.end(), name.begin(), name.end());
+  std::string len(4, '\0');
   for (int i = 0; i < 4; i++)
-    f.push_back(static_cast<unsigned char>(payload.size() >> (8 * i)));
-  f.insert(f.end(), payload.begin(), payload.end());
-  return f;
+    len[i] = static_cast<char>(payload.size() >> (8 * i));
+  return frame("\x01\x08" + (dst + "        ").substr(0, 8) + "\xFF" + len +
+               std::string(payload.begin(), payload.end()));
 }
 
-inline bool write_all(int fd, const void* data, size_t n) {
-  for (auto* p = static_cast<const unsigned char*>(data); n > 0;) {
+inline bool write_all(int fd, const Bytes& b) {
+  size_t n = b.size();
+  for (const unsigned char* p = b.data(); n > 0;) {
     const ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
     if (w < 0 && errno == EINTR) continue;
     if (w <= 0) return false;
@@ -68,24 +57,17 @@ inline bool write_all(int fd, const void* data, size_t n) {
   }
   return true;
 }
-inline bool write_all(int fd, const Bytes& b) {
-  return write_all(fd, b.data(), b.size());
-}
 
-// Reads up to `n` bytes (exactly `n` when `exact`) before `deadline`; the count read, or -1 on
-// time-out. Fewer than `n` in exact mode means the partner closed or reset.
-inline long read_until(int fd, unsigned char* p, size_t n, long long deadline, bool exact) {
+// Receives into `p` until `n` bytes came (or, unless `all`, any): the count, short when the
+// partner closed or reset, or -1 when `deadline` passed first.
+inline long receive(int fd, unsigned char* p, size_t n, long long deadline, bool all) {
   size_t got = 0;
-  while (got < n) {
-    const long long left = deadline - now_ms();
-    if (left <= 0) return -1;
+  while (got < n && (all || got == 0)) {
     pollfd pfd{fd, POLLIN, 0};
-    if (poll(&pfd, 1, static_cast<int>(left)) <= 0) continue;
-    const ssize_t r = recv(fd, p + got, n - got, 0);
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) break;
-    got += static_cast<size_t>(r);
-    if (!exact) break;
+    if (poll(&pfd, 1, static_cast<int>(std::max(deadline - now_ms(), 0LL))) == 0) return -1;
+    const ssize_t r = recv(fd, p + got, n - got, MSG_DONTWAIT);
+    if (r == 0 || (r < 0 && errno != EINTR && errno != EAGAIN)) break;
+    got += static_cast<size_t>(std::max<ssize_t>(r, 0));
   }
   return static_cast<long>(got);
 }
@@ -94,11 +76,11 @@ inline long read_until(int fd, unsigned char* p, size_t n, long long deadline, b
 inline bool read_frame(int fd, Bytes* out, int timeout_ms = 5000) {
   const long long deadline = now_ms() + timeout_ms;
   Bytes f(48);
-  if (read_until(fd, f.data(), 48, deadline, true) != 48) return false;
+  if (receive(fd, f.data(), 48, deadline, true) != 48) return false;
   const long total = strtol(std::string(f.begin(), f.begin() + 8).c_str(), nullptr, 10);
   if (total < 48 || total > (1 << 20)) return false;
   f.resize(static_cast<size_t>(total));
-  if (read_until(fd, f.data() + 48, f.size() - 48, deadline, true) != total - 48) return false;
+  if (receive(fd, f.data() + 48, f.size() - 48, deadline, true) != total - 48) return false;
   *out = std::move(f);
   return true;
 }
@@ -108,7 +90,7 @@ inline bool read_frame(int fd, Bytes* out, int timeout_ms = 5000) {
 inline bool wait_eof(int fd, int timeout_ms, Bytes* rest = nullptr) {
   const long long deadline = now_ms() + timeout_ms;
   unsigned char buf[4096];
-  for (long r; (r = read_until(fd, buf, sizeof buf, deadline, false)) != 0;) {
+  for (long r; (r = receive(fd, buf, sizeof buf, deadline, false)) != 0;) {
     if (r < 0) return false;
     if (rest != nullptr) rest->insert(rest->end(), buf, buf + r);
   }
@@ -122,23 +104,16 @@ inline void reset_close(int fd) {
   close(fd);
 }
 
-inline sockaddr_in loopback(int port) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  return a;
-}
-
-// A loopback listening socket on `port` (0: any free one, stored back); -1 on failure.
-inline int listen_loopback(int* port) {
-  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int one = 1;
-  setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in a = loopback(*port);
+// A loopback socket: listening on `*port` (0: any free one, stored back) or connected to it;
+// -1 on failure.
+inline int loopback_socket(int* port, bool listening) {
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), one = 1;
+  sockaddr_in a{AF_INET, htons(static_cast<uint16_t>(*port)), {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t len = sizeof a;
-  if (bind(s, reinterpret_cast<sockaddr*>(&a), len) != 0 || listen(s, 64) != 0 ||
-      getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+  auto* sa = reinterpret_cast<sockaddr*>(&a);
+  setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  if (listening ? bind(s, sa, len) != 0 || listen(s, 64) != 0 || getsockname(s, sa, &len) != 0
+                : connect(s, sa, len) != 0) {
     close(s);
     return -1;
   }
@@ -146,22 +121,12 @@ inline int listen_loopback(int* port) {
   return s;
 }
 
-inline int connect_loopback(int port) {
-  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in a = loopback(port);
-  if (connect(s, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0) return s;
-  close(s);
-  return -1;
-}
-
 // A loopback port on which nothing listens: connections to it are refused.
 inline int refused_port() {
   int port = 0;
-  close(listen_loopback(&port));
+  close(loopback_socket(&port, true));
   return port;
 }
-
-// ---- Fake agent -------------------------------------------------------------------------------
 
 // Accepts connections on a loopback port and runs `script` for each in turn on its own thread.
 // The script may keep frames; the connection is closed after it unless it set `fd` to -1.
@@ -170,7 +135,7 @@ class FakeAgent {
   using Script = std::function<void(FakeAgent& agent, int& fd, int index)>;
 
   explicit FakeAgent(Script script, int port = 0) : script_(std::move(script)), port_(port) {
-    listen_fd_ = listen_loopback(&port_);
+    listen_fd_ = loopback_socket(&port_, true);
     if (listen_fd_ >= 0) thread_ = std::thread([this] { serve(); });
   }
   ~FakeAgent() {
@@ -180,9 +145,6 @@ class FakeAgent {
     thread_.join();
     close(listen_fd_);
   }
-  FakeAgent(const FakeAgent&) = delete;
-  FakeAgent& operator=(const FakeAgent&) = delete;
-
   bool ok() const { return listen_fd_ >= 0; }
   int port() const { return port_; }
   int connections() const { return accepted_.load(); }
@@ -240,22 +202,12 @@ inline RunResult run_messenger(int port, std::vector<std::string> args, int limi
   return run_program(bin_path("qx_jpmd"), args, limit_secs);
 }
 
-// ---- The agent simulator ----------------------------------------------------------------------
-
 // qx_agentsim on a free loopback port, its standard output in a file read back by lines.
 class Simulator {
  public:
   explicit Simulator(std::vector<std::string> args = {}) : out_(qxtest::temp_file()) {
     args.insert(args.begin(), {bin_path("qx_agentsim"), "--port", "0"});
-    std::vector<char*> argv;
-    for (auto& a : args)
-      argv.push_back(a.data());
-    argv.push_back(nullptr);
-    if ((pid_ = fork()) == 0) {
-      dup2(out_, 1);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
+    pid_ = qxtest::spawn(args, {-1, out_, -1});
     // The first line is "listening on ADDRESS port PORT".
     const std::string first = wait_lines(1, 10000) ? lines()[0] : "";
     if (first.rfind("listening on ", 0) == 0) port_ = atoi(first.c_str() + first.rfind(' ') + 1);
@@ -268,16 +220,12 @@ class Simulator {
   Simulator& operator=(const Simulator&) = delete;
 
   int port() const { return port_; }
-  // Ends the simulator with SIGTERM; its exit status, -1 when a signal ended it.
-  int stop() {
-    if (pid_ > 0) kill(pid_, SIGTERM);
-    return wait_exit(10000);
-  }
-  // Its exit status once it ended within `timeout_ms`, else -1.
-  int wait_exit(int timeout_ms) {
-    for (long long end = now_ms() + timeout_ms; pid_ > 0 && now_ms() < end; usleep(5000)) {
-      int st = 0;
-      if (waitpid(pid_, &st, WNOHANG) != pid_) continue;
+  // Its exit status once it ended (after a SIGTERM with `term`) within `timeout_ms`; -1 when it
+  // is still running or a signal ended it.
+  int stop(bool term = true, int timeout_ms = 10000) {
+    if (pid_ > 0 && term) kill(pid_, SIGTERM);
+    int st = 0;
+    if (pid_ > 0 && qxtest::reap(pid_, now_ms() + timeout_ms, &st)) {
       pid_ = 0;
       status_ = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     }
@@ -309,8 +257,6 @@ inline long long json_number(const std::string& line, const std::string& key) {
   const size_t at = line.find("\"" + key + "\":");
   return at == std::string::npos ? -1 : atoll(line.c_str() + at + key.size() + 3);
 }
-
-// ---- Expected bodies --------------------------------------------------------------------------
 
 inline void put_le(Bytes& b, size_t off, unsigned v, int n = 4) {
   for (int i = 0; i < n; i++)

@@ -54,34 +54,47 @@ struct RunResult {
   double secs = 0;      // from start to exit
 };
 
-// Runs `program` with `input` as its standard input; it is killed after `limit_secs`.
-inline RunResult run_program(const std::string& program, std::vector<std::string> args,
-                             int limit_secs = 30, const std::string& input = "") {
-  RunResult run;
-  const int fds[3] = {temp_file(input), temp_file(), temp_file()};
-  args.insert(args.begin(), program);
+// Starts `args[0]` with `fds` as its standard input, output and error (-1: inherited).
+inline pid_t spawn(std::vector<std::string> args, const std::vector<int>& fds) {
   std::vector<char*> argv;
   for (auto& a : args)
     argv.push_back(a.data());
   argv.push_back(nullptr);
-  const long long start = now_ms();
   const pid_t pid = fork();
   if (pid == 0) {
     for (int i = 0; i < 3; i++)
-      dup2(fds[i], i);
-    execv(program.c_str(), argv.data());
+      if (fds[i] >= 0) dup2(fds[i], i);
+    execv(argv[0], argv.data());
     _exit(127);
   }
+  return pid;
+}
+
+// Waits for the child to end until `deadline` (of now_ms); false when it is still running.
+inline bool reap(pid_t pid, long long deadline, int* st) {
+  for (; waitpid(pid, st, WNOHANG) == 0; usleep(1000))
+    if (now_ms() >= deadline) return false;
+  return true;
+}
+
+// Runs `program` with `input` as its standard input; it is killed after `limit_secs`.
+inline RunResult run_program(const std::string& program, std::vector<std::string> args,
+                             int limit_secs = 30, const std::string& input = "") {
+  RunResult run;
+  const std::vector<int> fds = {temp_file(input), temp_file(), temp_file()};
+  args.insert(args.begin(), program);
+  const long long start = now_ms();
+  const pid_t pid = spawn(args, fds);
   int st = 0;
-  bool killed = false;
-  while (waitpid(pid, &st, WNOHANG) == 0) {
-    if (!killed && now_ms() - start > limit_secs * 1000LL) killed = kill(pid, SIGKILL) == 0;
-    usleep(1000);
+  const bool killed = !reap(pid, start + limit_secs * 1000LL, &st);
+  if (killed) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &st, 0);
   }
   run.secs = (now_ms() - start) / 1000.0;
   run.exited = WIFEXITED(st) && !killed;
   run.status = run.exited ? WEXITSTATUS(st) : -1;
-  run.signal = WIFSIGNALED(st) ? WTERMSIG(st) : 0;
+  run.signal = WIFSIGNALED(st) && !killed ? WTERMSIG(st) : 0;
   run.out = read_all(fds[1]);
   run.err = read_all(fds[2]);
   for (int fd : fds)
