@@ -25,7 +25,6 @@ TEST(AgentSimulator, ModesAsTheMessengerSeesThem) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.mode);
     Simulator sim({"--json", "--mode", c.mode});
-    ASSERT_GT(sim.port(), 0);
     const RunResult run = run_messenger(sim.port(), {"TYP=E", "JNR=31", "RET=4", "RETRY=1",
                                                      "TIMEOUT=1", "TRC=1", "TXT=say \"hi\""});
     EXPECT_TRUE(run.exited);
@@ -47,7 +46,6 @@ TEST(AgentSimulator, ModesAsTheMessengerSeesThem) {
 
 TEST(AgentSimulator, ExitsAfterCountEvents) {
   Simulator sim({"--count", "2"});
-  ASSERT_GT(sim.port(), 0);
   for (int job : {1, 2}) {
     const RunResult run = run_messenger(
         sim.port(),

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <pty.h>
 
+#include <algorithm>
+
 #include "scramble/scramble.h"
 #include "support/process.h"
 
@@ -25,8 +27,7 @@ std::string Unscramble(const std::string& text, const char* key = kCommandPasswo
   return clear;
 }
 std::string Cased(std::string s, int (*to)(int)) {
-  for (char& c : s)
-    c = static_cast<char>(to(static_cast<unsigned char>(c)));
+  std::transform(s.begin(), s.end(), s.begin(), to);  // ASCII only
   return s;
 }
 

@@ -6,6 +6,7 @@
 #define QX_TESTS_SUPPORT_AGENT_H_
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -47,13 +48,10 @@ inline Bytes nat_frame(const std::string& dst, const Bytes& payload) {
 }
 
 inline bool write_all(int fd, const Bytes& b) {
-  size_t n = b.size();
-  for (const unsigned char* p = b.data(); n > 0;) {
-    const ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
-    if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) return false;
-    p += w;
-    n -= static_cast<size_t>(w);
+  for (size_t at = 0; at < b.size();) {
+    const ssize_t w = send(fd, b.data() + at, b.size() - at, MSG_NOSIGNAL);
+    if (w < 0 && errno != EINTR) return false;
+    at += static_cast<size_t>(std::max<ssize_t>(w, 0));
   }
   return true;
 }
@@ -75,11 +73,12 @@ inline long receive(int fd, unsigned char* p, size_t n, long long deadline, bool
 // One whole frame within `timeout_ms`; false when none came.
 inline bool read_frame(int fd, Bytes* out, int timeout_ms = 5000) {
   const long long deadline = now_ms() + timeout_ms;
-  Bytes f(48);
-  if (receive(fd, f.data(), 48, deadline, true) != 48) return false;
-  const long total = strtol(std::string(f.begin(), f.begin() + 8).c_str(), nullptr, 10);
+  unsigned char h[48];
+  if (receive(fd, h, 48, deadline, true) != 48) return false;
+  const long total = strtol(std::string(h, h + 8).c_str(), nullptr, 10);
   if (total < 48 || total > (1 << 20)) return false;
-  f.resize(static_cast<size_t>(total));
+  Bytes f(static_cast<size_t>(total));
+  std::memcpy(f.data(), h, 48);
   if (receive(fd, f.data() + 48, f.size() - 48, deadline, true) != total - 48) return false;
   *out = std::move(f);
   return true;
@@ -136,6 +135,7 @@ class FakeAgent {
 
   explicit FakeAgent(Script script, int port = 0) : script_(std::move(script)), port_(port) {
     listen_fd_ = loopback_socket(&port_, true);
+    if (listen_fd_ < 0) ADD_FAILURE() << "no loopback port for the fake agent";
     if (listen_fd_ >= 0) thread_ = std::thread([this] { serve(); });
   }
   ~FakeAgent() {
@@ -145,7 +145,6 @@ class FakeAgent {
     thread_.join();
     close(listen_fd_);
   }
-  bool ok() const { return listen_fd_ >= 0; }
   int port() const { return port_; }
   int connections() const { return accepted_.load(); }
   std::vector<long long> accept_times() { return locked(accept_times_); }
@@ -211,6 +210,7 @@ class Simulator {
     // The first line is "listening on ADDRESS port PORT".
     const std::string first = wait_lines(1, 10000) ? lines()[0] : "";
     if (first.rfind("listening on ", 0) == 0) port_ = atoi(first.c_str() + first.rfind(' ') + 1);
+    if (port_ <= 0) ADD_FAILURE() << "qx_agentsim did not name its port";
   }
   ~Simulator() {
     stop();
@@ -286,21 +286,18 @@ inline Bytes meld_body(size_t size, int client, int job, char status, size_t ver
   return b;
 }
 
-// Checks that the seconds at `off_t` lie within a few seconds of now and that the UTC time
-// stamp at `off` is the same moment, then copies both into `want` so that the rest of the body
-// compares byte for byte.
+// Takes the seconds at `off_t` as they came into `want`, with the UTC time stamp at `off` that
+// they make (milliseconds 0), so that the whole body compares byte for byte; false when the
+// seconds are not within a few seconds before now.
 inline bool adopt_time(const Bytes& got, Bytes& want, size_t off, size_t off_t) {
   const time_t sent = static_cast<time_t>(get_le(got, off_t));
-  const time_t now = time(nullptr);
   tm u;
   gmtime_r(&sent, &u);
   const int fields[6] = {u.tm_year + 1900, u.tm_mon + 1, u.tm_mday, u.tm_hour, u.tm_min, u.tm_sec};
-  bool same = get_le(got, off + 12) == 0;
   for (int i = 0; i < 6; i++)
-    same = same && get_le(got, off + 2 * i, 2) == unsigned(fields[i]);
-  std::memcpy(want.data() + off, got.data() + off, 16);
-  std::memcpy(want.data() + off_t, got.data() + off_t, 4);
-  return same && now - sent >= 0 && now - sent <= 5;
+    put_le(want, off + 2 * i, static_cast<unsigned>(fields[i]), 2);
+  put_le(want, off_t, static_cast<unsigned>(sent));
+  return time(nullptr) - sent >= 0 && time(nullptr) - sent <= 5;
 }
 
 }  // namespace agent_test
