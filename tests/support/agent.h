@@ -84,8 +84,7 @@ inline bool read_frame(int fd, Bytes* out, int timeout_ms = 5000) {
   return true;
 }
 
-// Waits until the partner closes or resets; false when it does not within `timeout_ms`.
-// Whatever arrives meanwhile is appended to `rest`.
+// Waits for the partner's close or reset (false: none within `timeout_ms`), keeping the rest.
 inline bool wait_eof(int fd, int timeout_ms, Bytes* rest = nullptr) {
   const long long deadline = now_ms() + timeout_ms;
   unsigned char buf[4096];
@@ -103,8 +102,7 @@ inline void reset_close(int fd) {
   close(fd);
 }
 
-// A loopback socket: listening on `*port` (0: any free one, stored back) or connected to it;
-// -1 on failure.
+// A loopback socket listening on `*port` (0: any, stored back) or connected to it; -1 on failure.
 inline int loopback_socket(int* port, bool listening) {
   const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), one = 1;
   sockaddr_in a{AF_INET, htons(static_cast<uint16_t>(*port)), {htonl(INADDR_LOOPBACK)}, {}};
@@ -184,8 +182,7 @@ class FakeAgent {
   std::thread thread_;
 };
 
-// The agent as it should be: greeting, one frame read and kept, a reply, then it waits for the
-// messenger to close.
+// The agent as it should be: greets, keeps one frame, replies and waits for the close.
 inline void good_agent(FakeAgent& agent, int& fd, int) {
   if (!write_all(fd, native_frame("QX7 agent"))) return;
   Bytes frame;
@@ -220,8 +217,7 @@ class Simulator {
   Simulator& operator=(const Simulator&) = delete;
 
   int port() const { return port_; }
-  // Its exit status once it ended (after a SIGTERM with `term`) within `timeout_ms`; -1 when it
-  // is still running or a signal ended it.
+  // Its exit status once it ended (after a SIGTERM with `term`) within `timeout_ms`, else -1.
   int stop(bool term = true, int timeout_ms = 10000) {
     if (pid_ > 0 && term) kill(pid_, SIGTERM);
     int st = 0;
@@ -286,9 +282,8 @@ inline Bytes meld_body(size_t size, int client, int job, char status, size_t ver
   return b;
 }
 
-// Takes the seconds at `off_t` as they came into `want`, with the UTC time stamp at `off` that
-// they make (milliseconds 0), so that the whole body compares byte for byte; false when the
-// seconds are not within a few seconds before now.
+// Copies the seconds at `off_t` into `want` with the UTC time stamp at `off` that they make, so
+// the whole body compares byte for byte; false unless they lie within a few seconds before now.
 inline bool adopt_time(const Bytes& got, Bytes& want, size_t off, size_t off_t) {
   const time_t sent = static_cast<time_t>(get_le(got, off_t));
   tm u;
