@@ -1,5 +1,5 @@
-// The messenger in-process: the command line read into the context, SIGUSR1, the logger and
-// the EBCDIC 273 / PC 850 tables.
+// The messenger in-process: the command line read into the context, job messages without
+// memory, SIGUSR1, the logger and the EBCDIC 273 / PC 850 tables.
 #include "messenger/arguments.h"
 
 #include <gtest/gtest.h>
@@ -13,9 +13,12 @@
 #include <string>
 #include <vector>
 
+#include "ccm/internal.h"
 #include "common/trace_log.h"
+#include "messenger/agent_session.h"
 #include "messenger/driver.h"
 #include "messenger/hooks.h"
+#include "messenger/job_messages.h"
 
 namespace {
 
@@ -75,6 +78,27 @@ TEST(Arguments, KeywordsSetTheirFields) {
       EXPECT_NE(fields.find(" " + w + " "), std::string::npos)
           << w.substr(0, 80) << " in" << fields.substr(0, 300);
   }
+}
+
+// Without an output file, or without memory for a message, nothing is queued and each sender
+// reports the failure.
+TEST(JobMessages, NothingQueuedOnFailure) {
+  PCX ctx;
+  initialize_messenger(&ctx);
+  ccm_error_t err{};
+  ASSERT_EQ(ccm_open(&ctx, &ccm, &err), 0);
+  EXPECT_EQ(SendOutputViewMsg(&ctx), -1);
+  ctx.var_name[0] = 'X';
+  strcpy(ctx.output_file, "/tmp/out");
+  ccm_alloc = [](size_t size, const char* tag) -> void* {
+    return strcmp(tag, "CCMMSG") == 0 ? nullptr : ccm_alloc_default(size, tag);
+  };
+  EXPECT_EQ(std::vector<int>({SendJpMd(&ctx), SendOutputViewMsg(&ctx), SendRegVariableMsg(&ctx)}),
+            std::vector<int>({-1, -1, -1}));
+  ccm_alloc = ccm_alloc_default;
+  EXPECT_EQ(ccm->sendq.head, nullptr);
+  ccm_close(ccm, &err);
+  ccm = nullptr;
 }
 
 // SIGUSR1 only interrupts: it must neither end the process nor stay blocked.
