@@ -58,13 +58,12 @@ TEST(AgentSimulator, ExitsAfterCountEvents) {
 }
 
 TEST(AgentSimulator, WrongCommandLines) {
-  for (std::vector<std::string> args : {std::vector<std::string>{"--port", "70000"},
-                                        {"--mode", "rude"},
-                                        {"--count"},
-                                        {"--verbose"}}) {
+  using Args = std::vector<std::string>;
+  for (const Args& args :
+       {Args{"--port", "70000"}, Args{"--mode", "rude"}, Args{"--count"}, Args{"-v"}}) {
     const RunResult run = run_program(bin_path("qx_agentsim"), args, 10);
     EXPECT_EQ(run.status, 2) << args[0];
-    EXPECT_NE(run.out.find("usage: qx_agentsim"), std::string::npos);
+    EXPECT_EQ(run.out.rfind("usage: qx_agentsim", 0), 0u) << run.out;
     EXPECT_EQ(run.err, "");
   }
 }
