@@ -12,6 +12,8 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -146,7 +148,13 @@ class FakeAgent {
   int port() const { return port_; }
   int connections() const { return accepted_.load(); }
   std::vector<long long> accept_times() { return locked(accept_times_); }
-  std::vector<Bytes> frames() { return locked(frames_); }
+  // The frames kept so far, once the scripts of all accepted connections have returned (for
+  // at most 5 seconds): a script still reading the messenger's last bytes may keep one more.
+  std::vector<Bytes> frames() {
+    std::unique_lock<std::mutex> lock(mu_);
+    done_.wait_for(lock, std::chrono::seconds(5), [this] { return served_ == accepted_.load(); });
+    return frames_;
+  }
   void keep(const Bytes& frame) {
     std::lock_guard<std::mutex> lock(mu_);
     frames_.push_back(frame);
@@ -168,6 +176,11 @@ class FakeAgent {
       }
       script_(*this, fd, accepted_++);
       if (fd >= 0) close(fd);
+      {
+        std::lock_guard<std::mutex> lock(mu_);
+        served_++;
+      }
+      done_.notify_all();
     }
   }
 
@@ -177,6 +190,8 @@ class FakeAgent {
   std::atomic<bool> stopping_{false};
   std::atomic<int> accepted_{0};
   std::mutex mu_;
+  std::condition_variable done_;
+  int served_ = 0;  // connections whose script has returned; guarded by mu_
   std::vector<long long> accept_times_;
   std::vector<Bytes> frames_;
   std::thread thread_;
