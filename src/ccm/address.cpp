@@ -35,6 +35,24 @@ bool preferred(const addrinfo* ai, int options) {
          ((options & CCM_PREFER_IPV6) && ai->ai_family == AF_INET6);
 }
 
+// Asks the resolver for the stream addresses of `host`; the answers (to be released with
+// freeaddrinfo), or null with the error recorded and `fn`'s exit traced.
+addrinfo* resolve(const char* fn, const char* host, ccm_error_t* ccmerr) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* answers = nullptr;
+  errno = 0;
+  if (getaddrinfo(host, nullptr, &hints, &answers) != 0) {
+    int err = errno;
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "getaddrinfo|%d(%s)", err, strerror(err));
+    QX_TRACE("%s <-- (getaddrinfo error)", fn);
+    return nullptr;
+  }
+  if (answers == nullptr) QX_TRACE("%s <-- (nothing found)", fn);
+  return answers;
+}
+
 // Copies the resolver's `host` into `area` without brackets and surrounding blanks.
 // False when it does not fit.
 bool clean_hostname(const char* host, char (&area)[CCM_HOSTNAME_SIZE]) {
@@ -89,21 +107,8 @@ int ccm_hostname2address(const char* phostname, int options, sockaddr_in6* addr,
   }
   QX_TRACE("%s:      hostname without brackets=%s", __func__, host);
 
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* answers = nullptr;
-  errno = 0;
-  if (getaddrinfo(host, nullptr, &hints, &answers) != 0) {
-    int err = errno;
-    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "getaddrinfo|%d(%s)", err, strerror(err));
-    QX_TRACE("%s <-- (getaddrinfo error)", __func__);
-    return -1;
-  }
-  if (answers == nullptr) {
-    QX_TRACE("%s <-- (nothing found)", __func__);
-    return -1;
-  }
+  addrinfo* answers = resolve(__func__, host, ccmerr);
+  if (answers == nullptr) return -1;
   const addrinfo* chosen = ccm_address_choose(answers, options);
   size_t want = chosen->ai_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
   std::memcpy(addr, chosen->ai_addr, std::min<size_t>(want, chosen->ai_addrlen));
@@ -187,21 +192,8 @@ int ccm_log_all_ip(const char* hostname, ccm_error_t* ccmerr) {
     QX_TRACE("%s <-- (getaddrinfo error)", __func__);
     return -1;
   }
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* answers = nullptr;
-  errno = 0;
-  if (getaddrinfo(hostname, nullptr, &hints, &answers) != 0) {
-    int err = errno;
-    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "getaddrinfo|%d(%s)", err, strerror(err));
-    QX_TRACE("%s <-- (getaddrinfo error)", __func__);
-    return -1;
-  }
-  if (answers == nullptr) {
-    QX_TRACE("%s <-- (nothing found)", __func__);
-    return -1;
-  }
+  addrinfo* answers = resolve(__func__, hostname, ccmerr);
+  if (answers == nullptr) return -1;
   for (const addrinfo* ai = answers; ai != nullptr; ai = ai->ai_next) {
     sockaddr_in6 work{};
     std::memcpy(&work, ai->ai_addr, std::min<size_t>(ai->ai_addrlen, sizeof work));

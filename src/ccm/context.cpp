@@ -77,20 +77,6 @@ int ccm_open(void* ppcx, ccm_context_t** pccm, ccm_error_t* ccmerr) {
   return 0;
 }
 
-namespace {
-
-// Returns every message of `q` through ccm_msg_free and leaves the queue empty.
-void free_queue(ccm_context_t* ccm, ccm_msg_queue_t& q) {
-  ccm_msg_t* next = nullptr;
-  for (ccm_msg_t* m = q.head; m != nullptr; m = next) {
-    next = m->nxt;
-    ccm_msg_free(ccm, m);
-  }
-  q.head = q.tail = nullptr;
-}
-
-}  // namespace
-
 int ccm_close(ccm_context_t* ccm, ccm_error_t* /*ccmerr*/) {
   QX_TRACE("%s(ccm=%p) -->", __func__, static_cast<void*>(ccm));
   if (ccm == nullptr) {
@@ -101,11 +87,11 @@ int ccm_close(ccm_context_t* ccm, ccm_error_t* /*ccmerr*/) {
   // its messages are freed so that ccm_msg_free never meets a half-walked list.
   for (ccm_msg_queue_t* q : {&ccm->sendq, &ccm->recvq, &ccm->msgq_inuse, &ccm->msgq_2dispatch}) {
     if (q == &ccm->msgq_inuse) {
-      free_queue(ccm, *q);  // ccm_msg_free unlinks each message from msgq_inuse itself
+      ccm_free_queue(ccm, *q);  // ccm_msg_free unlinks each message from msgq_inuse itself
     } else {
       ccm_msg_queue_t detached = *q;
       q->head = q->tail = nullptr;
-      free_queue(ccm, detached);
+      ccm_free_queue(ccm, detached);
     }
   }
   {

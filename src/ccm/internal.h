@@ -28,6 +28,34 @@ void ccm_set_error(ccm_error_t* ccmerr, int msgnr, const char* format, ...) QX_P
 // The 3301 record of a failed allocation: "<tag>/<file>(<line>)".
 void ccm_set_alloc_error(ccm_error_t* ccmerr, const char* tag, const char* file, int line);
 
+// Returns every message of `q` through ccm_msg_free and leaves the queue empty. The caller
+// owns `q` (a detached queue, or one no other thread touches).
+void ccm_free_queue(ccm_context_t* ccm, ccm_msg_queue_t& q);
+
+// Hold the context's queue lock or channel lock for their scope, through the traced
+// ccm_queue_lock / ccm_channel_lock calls.
+class QueueLock {
+ public:
+  explicit QueueLock(ccm_context_t* ccm) : ccm_(ccm) { ccm_queue_lock(ccm_); }
+  ~QueueLock() { ccm_queue_unlock(ccm_); }
+  QueueLock(const QueueLock&) = delete;
+  QueueLock& operator=(const QueueLock&) = delete;
+
+ private:
+  ccm_context_t* ccm_;
+};
+
+class ChannelLock {
+ public:
+  explicit ChannelLock(ccm_context_t* ccm) : ccm_(ccm) { ccm_channel_lock(ccm_); }
+  ~ChannelLock() { ccm_channel_unlock(ccm_); }
+  ChannelLock(const ChannelLock&) = delete;
+  ChannelLock& operator=(const ChannelLock&) = delete;
+
+ private:
+  ccm_context_t* ccm_;
+};
+
 // Holds a spin lock for its scope.
 class ccm_spin_guard {
  public:

@@ -83,9 +83,7 @@ int ccm_msg_free(ccm_context_t* ccm, ccm_msg_t* ccmmsg) {
   return 0;
 }
 
-namespace {
-
-void free_all(ccm_context_t* ccm, ccm_msg_queue_t& q) {
+void ccm_free_queue(ccm_context_t* ccm, ccm_msg_queue_t& q) {
   ccm_msg_t* next = nullptr;
   for (ccm_msg_t* m = q.head; m != nullptr; m = next) {
     next = m->nxt;
@@ -94,12 +92,10 @@ void free_all(ccm_context_t* ccm, ccm_msg_queue_t& q) {
   q.head = q.tail = nullptr;
 }
 
-}  // namespace
-
 int ccm_channel_emptying_msg_queue(ccm_context_t* ccm, ccm_channel_t* ccmch) {
   QX_TRACE("%s(channel=%p) -->", __func__, static_cast<void*>(ccmch));
-  free_all(ccm, ccmch->sendq);
-  free_all(ccm, ccmch->recvq);
+  ccm_free_queue(ccm, ccmch->sendq);
+  ccm_free_queue(ccm, ccmch->recvq);
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }
@@ -116,7 +112,7 @@ int ccm_msg_emptying_queues(ccm_context_t* ccm) {
     ccm->recvq = {};
     ccm->msgq_2dispatch = {};
   }
-  free_all(ccm, recvq);
+  ccm_free_queue(ccm, recvq);
   for (;;) {
     ccm_msg_t* m = nullptr;
     {
@@ -126,7 +122,7 @@ int ccm_msg_emptying_queues(ccm_context_t* ccm) {
     if (m == nullptr) break;
     ccm_msg_free(ccm, m);
   }
-  free_all(ccm, dispatch);
+  ccm_free_queue(ccm, dispatch);
   for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
     QX_TRACE("%s:      empty RECV/SENDQ queue of channel(%p,s=%d/chID=%d,%s,flag=%.8X)", __func__,
              static_cast<void*>(ch), ch->s, ch->ID, ch->name,
@@ -141,8 +137,8 @@ int ccm_msg_emptying_queues(ccm_context_t* ccm) {
       ch->sendq = {};
       ch->recvq = {};
     }
-    free_all(ccm, sendq);
-    free_all(ccm, chrecvq);
+    ccm_free_queue(ccm, sendq);
+    ccm_free_queue(ccm, chrecvq);
   }
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;

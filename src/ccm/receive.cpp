@@ -7,34 +7,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ccm/internal.h"
 #include "common/strutil.h"
 #include "common/trace_log.h"
 
 namespace {
 
 constexpr char kAddrEyec[] = "#CCMADDR";
-
-class QueueLock {
- public:
-  explicit QueueLock(ccm_context_t* ccm) : ccm_(ccm) { ccm_queue_lock(ccm_); }
-  ~QueueLock() { ccm_queue_unlock(ccm_); }
-  QueueLock(const QueueLock&) = delete;
-  QueueLock& operator=(const QueueLock&) = delete;
-
- private:
-  ccm_context_t* ccm_;
-};
-
-class ChannelLock {
- public:
-  explicit ChannelLock(ccm_context_t* ccm) : ccm_(ccm) { ccm_channel_lock(ccm_); }
-  ~ChannelLock() { ccm_channel_unlock(ccm_); }
-  ChannelLock(const ChannelLock&) = delete;
-  ChannelLock& operator=(const ChannelLock&) = delete;
-
- private:
-  ccm_context_t* ccm_;
-};
 
 bool is_deleted(ccm_channel_t* ch) {
   return (std::atomic_ref<int>(ch->flag).load() & CCM_CHFLAG_DELETED) != 0;

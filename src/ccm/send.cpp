@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ccm/internal.h"
 #include "ccm/ipc.h"
 #include "ccm/receive.h"
 #include "ccm/wire.h"
@@ -26,17 +27,6 @@ constexpr int kRouteFixedSize = kRouteLenOffset + 4;
 static_assert(kRouteLenOffset == 304 && kRouteFixedSize == 308);
 
 constexpr int kMsgnrForward = 2003070;
-
-class QueueLock {
- public:
-  explicit QueueLock(ccm_context_t* ccm) : ccm_(ccm) { ccm_queue_lock(ccm_); }
-  ~QueueLock() { ccm_queue_unlock(ccm_); }
-  QueueLock(const QueueLock&) = delete;
-  QueueLock& operator=(const QueueLock&) = delete;
-
- private:
-  ccm_context_t* ccm_;
-};
 
 // Unlinks a message from `msgq_inuse` (if it stands there) and appends it to `q`. The caller
 // holds the context's queue lock.
