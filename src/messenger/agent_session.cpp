@@ -176,9 +176,10 @@ void prepare_channels_for_close() {
 // and gives the caller its former processor set back at the end. The threads hand every step
 // to each other (connect, greeting, job message, reply, stop); on one processor each hand-over
 // is a switch between them there, where a hand-over to another processor first has to wake
-// that one up. A run is a few milliseconds of mostly waiting, so one processor is plenty; the
-// connection manager's spin locks are held for a few instructions and are never held across
-// a wake-up of the other thread, so neither thread spins on a lock its partner holds.
+// that one up. A run is a few milliseconds of mostly waiting, so one processor is plenty. The
+// connection manager's spin locks are held for a few instructions and never across a wake-up
+// of the other thread: a thread finds its partner holding one only when a timer tick preempted
+// the partner right there, and then spins for at most one scheduling slice.
 // Without a processor number or the right to choose, the run goes on where the system puts it.
 class OneProcessorForTheRun {
  public:
