@@ -18,26 +18,9 @@
 #include "ccm/io.h"
 #include "ccm/message.h"
 #include "ccm/wire.h"
+#include "fuzz_context.h"
 
 namespace {
-
-ccm_context_t* context() {
-  static ccm_app_context_head app{};
-  static ccm_context_t* ccm = [] {
-    app.running_mode = 3;
-    ccm_context_t* c = nullptr;
-    ccm_error_t err{};
-    ccm_open(&app, &c, &err);
-    // No wake-up pipes: the reader's wake-ups are then no-ops and no pipe can fill up.
-    return c;
-  }();
-  return ccm;
-}
-
-// Frames whose protocol field reads "GSS" count as GSS frames, so that path runs too.
-int gss_by_protocol(ccm_context_t*, ccm_msg_t* m) {
-  return std::memcmp(m->msg_start + kProtoProtocolOffset, "GSS", 3) == 0;
-}
 
 void check_and_free_received(ccm_context_t* ccm) {
   for (;;) {
@@ -59,7 +42,7 @@ void check_and_free_received(ccm_context_t* ccm) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  ccm_context_t* ccm = context();
+  ccm_context_t* ccm = fuzz_context();
   if (ccm == nullptr || size < 2) return 0;
   ccm_set_gss_classifier(gss_by_protocol);
   uint32_t rng = (static_cast<uint32_t>(data[0]) << 8 | data[1]) * 2654435761u + 1;

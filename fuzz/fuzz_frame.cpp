@@ -10,29 +10,10 @@
 #include "ccm/context.h"
 #include "ccm/message.h"
 #include "ccm/wire.h"
-
-namespace {
-
-ccm_context_t* context() {
-  static ccm_app_context_head app{"", 3};
-  static ccm_context_t* ccm = [] {
-    ccm_context_t* c = nullptr;
-    ccm_error_t err{};
-    ccm_open(&app, &c, &err);
-    return c;
-  }();
-  return ccm;
-}
-
-// Frames whose protocol field reads "GSS" count as GSS frames, so that path runs too.
-int gss_by_protocol(ccm_context_t*, ccm_msg_t* m) {
-  return std::memcmp(m->msg_start + kProtoProtocolOffset, "GSS", 3) == 0;
-}
-
-}  // namespace
+#include "fuzz_context.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  ccm_context_t* ccm = context();
+  ccm_context_t* ccm = fuzz_context();
   if (ccm == nullptr) return 0;
   ccm_set_gss_classifier(gss_by_protocol);
 
