@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <iterator>
+
 #include "common/strutil.h"
 #include "common/trace_log.h"
 #include "messenger/command_exec.h"
@@ -19,50 +21,88 @@ constexpr size_t kVarNameKept = 200;  // NAME is cut to this many characters
 // The value area is static: 8 KiB is kept off the stack of the main thread.
 char value_area[kValueSize];
 
+// Keys are matched after upper-casing: a key with another character, or listed twice, would
+// never be matched as written.
+constexpr bool KeysAreUniqueAndUpperCase() {
+  for (size_t i = 0; i < std::size(kArgumentKeys); ++i) {
+    for (const char c : kArgumentKeys[i].name)
+      if (c < 'A' || c > 'Z') return false;
+    for (size_t j = 0; j < i; ++j)
+      if (kArgumentKeys[i].name == kArgumentKeys[j].name) return false;
+  }
+  return true;
+}
+static_assert(KeysAreUniqueAndUpperCase());
+
+// The key's entry in the parser's table, or null for a key the messenger does not know.
+const ArgumentKey* Find(const char* key) {
+  for (const ArgumentKey& k : kArgumentKeys)
+    if (k.name == key) return &k;
+  return nullptr;
+}
+
 // Applies one key=value pair. Returns true when the key was CMD.
 bool Apply(PCX* pcx, const char* key, char* value) {
-  const auto is = [key](const char* k) { return strcmp(key, k) == 0; };
-  if (is("JNR")) {
-    pcx->jobnri = atoi(value);
-  } else if (is("PNR")) {
-    pcx->portnri = atoi(value);
-  } else if (is("TYP")) {
-    pcx->status = value[0];
-    pcx->melder_type = value[0];
-    pcx->status = pcx->status == kMelderEnd ? 'E' : 'R';
-  } else if (is("TXT")) {
-    StringCopy(pcx->info_text, sizeof pcx->info_text, value);
-  } else if (is("RET")) {
-    pcx->reti = atoi(value);
-  } else if (is("IPA")) {
-    StringCopy(pcx->ipAddr, sizeof pcx->ipAddr, value);
-  } else if (is("MNR")) {
-    pcx->client = static_cast<short>(atoi(value));  // kept in 16 bits
-  } else if (is("RETRY")) {
-    pcx->connect_retry = atoi(value);
-  } else if (is("WAIT")) {
-    // Accepted and ignored: the pause between attempts is always 120 seconds.
-  } else if (is("TIMEOUT")) {
-    ToUpperCase(value, static_cast<int>(strlen(value)));
-    pcx->IoTimeOut = strcmp(value, "NONE") == 0 ? 0 : atoi(value);
-    if (pcx->IoTimeOut > kTimeoutMax) pcx->IoTimeOut = kTimeoutDefault;
-  } else if (is("TRC")) {
-    trcFlag = atoi(value);
-  } else if (is("ULOGIN")) {
-    pcx->output_login = value[0] == 'Y' ? 'Y' : 'N';
-  } else if (is("OUTFILE")) {
-    StringCopy(pcx->output_file, sizeof pcx->output_file, value);
-  } else if (is("CMD")) {
-    StringCopy(pcx->pCmdBuffer, sizeof pcx->pCmdBuffer, value);
-    return true;
-  } else if (is("NAME")) {
-    StringCopy(pcx->var_name, sizeof pcx->var_name, value);
-    pcx->var_name[kVarNameKept] = '\0';
-  } else if (is("VALUE")) {
-    StringCopy(pcx->var_value, sizeof pcx->var_value, value);
-    pcx->filler2 = 0;
-  } else if (is("VTYPE")) {
-    pcx->var_type = value[0];
+  const ArgumentKey* known = Find(key);
+  if (known == nullptr) return false;  // unknown keys are ignored
+  switch (known->id) {
+    case ArgumentId::kJNR:
+      pcx->jobnri = atoi(value);
+      break;
+    case ArgumentId::kPNR:
+      pcx->portnri = atoi(value);
+      break;
+    case ArgumentId::kTYP:
+      pcx->status = value[0];
+      pcx->melder_type = value[0];
+      pcx->status = pcx->status == kMelderEnd ? 'E' : 'R';
+      break;
+    case ArgumentId::kTXT:
+      StringCopy(pcx->info_text, sizeof pcx->info_text, value);
+      break;
+    case ArgumentId::kRET:
+      pcx->reti = atoi(value);
+      break;
+    case ArgumentId::kIPA:
+      StringCopy(pcx->ipAddr, sizeof pcx->ipAddr, value);
+      break;
+    case ArgumentId::kMNR:
+      pcx->client = static_cast<short>(atoi(value));  // kept in 16 bits
+      break;
+    case ArgumentId::kRETRY:
+      pcx->connect_retry = atoi(value);
+      break;
+    case ArgumentId::kWAIT:
+      // Accepted and ignored: the pause between attempts is always 120 seconds.
+      break;
+    case ArgumentId::kTIMEOUT:
+      ToUpperCase(value, static_cast<int>(strlen(value)));
+      pcx->IoTimeOut = strcmp(value, "NONE") == 0 ? 0 : atoi(value);
+      if (pcx->IoTimeOut > kTimeoutMax) pcx->IoTimeOut = kTimeoutDefault;
+      break;
+    case ArgumentId::kTRC:
+      trcFlag = atoi(value);
+      break;
+    case ArgumentId::kULOGIN:
+      pcx->output_login = value[0] == 'Y' ? 'Y' : 'N';
+      break;
+    case ArgumentId::kOUTFILE:
+      StringCopy(pcx->output_file, sizeof pcx->output_file, value);
+      break;
+    case ArgumentId::kCMD:
+      StringCopy(pcx->pCmdBuffer, sizeof pcx->pCmdBuffer, value);
+      return true;
+    case ArgumentId::kNAME:
+      StringCopy(pcx->var_name, sizeof pcx->var_name, value);
+      pcx->var_name[kVarNameKept] = '\0';
+      break;
+    case ArgumentId::kVALUE:
+      StringCopy(pcx->var_value, sizeof pcx->var_value, value);
+      pcx->filler2 = 0;
+      break;
+    case ArgumentId::kVTYPE:
+      pcx->var_type = value[0];
+      break;
   }
   return false;
 }

@@ -5,7 +5,49 @@
 #ifndef QX_MESSENGER_ARGUMENTS_H_
 #define QX_MESSENGER_ARGUMENTS_H_
 
+#include <string_view>
+
 #include "messenger/context.h"
+
+// The keys the messenger knows. Every other key is ignored.
+enum class ArgumentId {
+  kIPA,
+  kPNR,
+  kJNR,
+  kMNR,
+  kTYP,
+  kRET,
+  kTXT,
+  kRETRY,
+  kWAIT,
+  kTIMEOUT,
+  kTRC,
+  kULOGIN,
+  kOUTFILE,
+  kNAME,
+  kVALUE,
+  kVTYPE,
+  kCMD,
+};
+
+struct ArgumentKey {
+  std::string_view name;  // upper case, as matched after the key is upper-cased
+  ArgumentId id;
+};
+
+// The parser's only table of keys: what it matches is exactly what is listed here (the usage
+// text, the manual page and the README list the same keys).
+inline constexpr ArgumentKey kArgumentKeys[] = {
+    {"IPA", ArgumentId::kIPA},         {"PNR", ArgumentId::kPNR},
+    {"JNR", ArgumentId::kJNR},         {"MNR", ArgumentId::kMNR},
+    {"TYP", ArgumentId::kTYP},         {"RET", ArgumentId::kRET},
+    {"TXT", ArgumentId::kTXT},         {"RETRY", ArgumentId::kRETRY},
+    {"WAIT", ArgumentId::kWAIT},       {"TIMEOUT", ArgumentId::kTIMEOUT},
+    {"TRC", ArgumentId::kTRC},         {"ULOGIN", ArgumentId::kULOGIN},
+    {"OUTFILE", ArgumentId::kOUTFILE}, {"NAME", ArgumentId::kNAME},
+    {"VALUE", ArgumentId::kVALUE},     {"VTYPE", ArgumentId::kVTYPE},
+    {"CMD", ArgumentId::kCMD},
+};
 
 // Reads argv[1] to argv[argc-1] into `pcx` and returns 0. Nothing is rejected: unknown keys
 // are ignored, missing values give empty texts, NUL characters and 0 numbers, too long texts

@@ -14,6 +14,7 @@
 #include "messenger/arguments.h"
 #include "messenger/hooks.h"
 #include "messenger/report.h"
+#include "messenger/usage.h"
 
 PCX spcx;
 PCX* pcx = nullptr;
@@ -72,6 +73,7 @@ int run_messenger(int argc, char** argv) {
   if (argc > 0 && argv[0] != nullptr) {
     StringCopy(pcx->program_name, sizeof pcx->program_name, GetPName(argv[0]));
   }
+  if (const int usage_status = answer_usage(argc, argv); usage_status >= 0) return usage_status;
   if (argc == 2 && strcmp(argv[1], "-V") == 0) {
     mprintf("QX7 Agent \"%s\" version %s, changelist '%i'", pcx->program_name, kQxVersionText,
             kQxChangelist);

@@ -16,7 +16,9 @@ int initialize_messenger(PCX* pcx);
 void signal_handler_common(int signalID);
 
 // Runs the messenger for the command line and returns the process's exit status: 0 after a
-// lone "-V" (which prints the version line), the job's return code for an end event, else 0.
+// lone "-V" (which prints the version line), the usage text's status when the command line
+// asks for it (no argument: 2; a lone "--help" or "-h": 0), the job's return code for an end
+// event, else 0.
 // Does not return after a `CMD` argument (the process exits there).
 int run_messenger(int argc, char** argv);
 

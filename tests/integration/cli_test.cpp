@@ -6,6 +6,7 @@
 #include <regex>
 #include <sstream>
 
+#include "messenger/usage.h"
 #include "support/process.h"
 
 namespace {
@@ -52,6 +53,38 @@ TEST(Version, LoneDashVNamesTheProgramFromArgvZero) {
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out.find("QX7 Agent"), std::string::npos);
     EXPECT_NE(run.out.find("RESTART AT"), std::string::npos);
+  }
+}
+
+// No argument, or exactly "--help" or "-h", prints the usage and nothing else, at once; any
+// other command line is a run as before: "foo" alone reports a restart and then tries to reach
+// the (empty) agent address, pausing 120 seconds between attempts.
+TEST(Usage, OnlyTheThreeUsageCommandLines) {
+  const struct {
+    std::vector<std::string> args;
+    int status;  // -1: still running after a second
+  } cases[] = {
+      {{}, 2},
+      {{"--help"}, 0},
+      {{"-h"}, 0},
+      {{"foo"}, -1},
+      {{"--help", "RETRY=0"}, 0},
+      {{"-h", "TYP=E", "RET=7", "RETRY=0"}, 7},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args.empty() ? "no argument"
+                                : c.args[0] + " ... (" + std::to_string(c.args.size()) + ")");
+    const auto run = qxtest::run_program(bin_path("qx_jpmd"), c.args, c.status < 0 ? 1 : 10);
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.status, c.status);
+    if (c.args.size() <= 1 && c.status >= 0) {
+      EXPECT_EQ(run.out, kUsageText);
+      EXPECT_LT(run.secs, 2.0);
+    } else {
+      EXPECT_EQ(run.out.find("usage:"), std::string::npos);
+      EXPECT_NE(run.out.find(c.status == 7 ? "ENDED AT" : "RESTART AT"), std::string::npos)
+          << run.out;
+    }
   }
 }
 
