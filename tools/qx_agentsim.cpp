@@ -12,6 +12,7 @@
 //   --mode   normal (default), or a misbehaviour for testing job scripts:
 //            silent (never greets), wrong-greeting (greets under another key),
 //            no-reply (never answers a job message), close (closes each connection at once)
+//   --help   the usage with every flag (also -h); exit status 0
 //
 // The first line on standard output is "listening on ADDRESS port PORT" with the port
 // actually used, so that a script can start the simulator on port 0 and read its port.
@@ -46,6 +47,7 @@ struct Options {
   bool json = false;
   long count = 0;  // 0: no limit
   Mode mode = Mode::kNormal;
+  bool help = false;  // --help or -h: print the usage with every flag and exit
 };
 
 volatile sig_atomic_t g_stop = 0;
@@ -63,7 +65,9 @@ bool parse(int argc, char** argv, Options* o) {
   for (int i = 1; i < argc; i++) {
     std::string_view a = argv[i];
     auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
-    if (a == "--json") {
+    if (a == "--help" || a == "-h") {
+      o->help = true;
+    } else if (a == "--json") {
       o->json = true;
     } else if (a == "--addr") {
       const char* v = value();
@@ -287,16 +291,39 @@ int listening_port(ccm_context_t* ccm) {
   return port;
 }
 
+constexpr char kUsage[] =
+    "usage: qx_agentsim [--addr ADDRESS] [--port PORT] [--json] [--count N] "
+    "[--mode normal|silent|wrong-greeting|no-reply|close]\n";
+
+constexpr char kHelp[] =
+    "\n"
+    "Stands in for the scheduling agent: greets every connection, prints each job\n"
+    "message of qx_jpmd and answers it. The first line is \"listening on ADDRESS port\n"
+    "PORT\" with the port in use.\n"
+    "\n"
+    "  --addr ADDRESS  address to listen on (default 127.0.0.1)\n"
+    "  --port PORT     port to listen on (default 2217; 0: a free one)\n"
+    "  --json          one JSON object per event instead of key=value text\n"
+    "  --count N       exit after N events (default: until SIGTERM or SIGINT)\n"
+    "  --mode MODE     normal (default), silent (never greets), wrong-greeting,\n"
+    "                  no-reply (never answers), close (closes each connection)\n"
+    "  --help, -h      this help\n"
+    "\n"
+    "Exit status: 0, or 2 for a wrong command line or a port it cannot use.\n"
+    "See qx_agentsim(1).\n";
+
 }  // namespace
 
 int main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
   Options o;
   if (!parse(argc, argv, &o)) {
-    printf(
-        "usage: qx_agentsim [--addr ADDRESS] [--port PORT] [--json] [--count N] "
-        "[--mode normal|silent|wrong-greeting|no-reply|close]\n");
+    printf("%s", kUsage);
     return 2;
+  }
+  if (o.help) {
+    printf("%s%s", kUsage, kHelp);
+    return 0;
   }
   // Many simultaneous job runs need many descriptors.
   rlimit rl;

@@ -27,16 +27,16 @@ constexpr int kLineMax = 8192;
 
 void usage(FILE* out) {
   fputs(
-      "usage: qx_scramble [-d] [-m] [-k KEY] [-h]\n"
+      "usage: qx_scramble [-d] [-m] [-k KEY] [-h | --help]\n"
       "\n"
       "Scrambles a password for the CMD argument of qx_jpmd. The value is read from\n"
       "standard input (one line) or, on a terminal, asked for without echo; it is never\n"
       "given on the command line.\n"
       "\n"
-      "  -d      unscramble: read a scrambled value and print its clear text (to check it)\n"
-      "  -k KEY  key text of at most 11 characters (default: the messenger's key)\n"
-      "  -m      write the header as the two bytes 0xAD 0xAD instead of \"--\"\n"
-      "  -h      this help\n"
+      "  -d          unscramble: read a scrambled value and print its clear text\n"
+      "  -k KEY      key text of at most 11 characters (default: the messenger's key)\n"
+      "  -m          write the header as the two bytes 0xAD 0xAD instead of \"--\"\n"
+      "  -h, --help  this help\n"
       "\n"
       "The scrambled value is printed as \"--10\" and upper-case hexadecimal digits, which\n"
       "a shell passes unchanged; qx_jpmd accepts it as well as the 0xAD 0xAD form.\n"
@@ -149,7 +149,9 @@ int main(int argc, char** argv) {
   const char* key = kCommandPasswordKey;
   opterr = 0;  // getopt must not write to standard error
   int opt;
-  while ((opt = getopt(argc, argv, "dmk:h")) != -1) {
+  static const option kLongOptions[] = {{"help", no_argument, nullptr, 'h'},
+                                        {nullptr, 0, nullptr, 0}};
+  while ((opt = getopt_long(argc, argv, "dmk:h", kLongOptions, nullptr)) != -1) {
     switch (opt) {
       case 'd':
         decode = true;
@@ -168,7 +170,11 @@ int main(int argc, char** argv) {
         usage(stdout);
         return 0;
       default:
-        printf("qx_scramble: unknown option or missing argument: -%c\n", optopt);
+        // A long option it does not know has no option character.
+        if (optopt != 0)
+          printf("qx_scramble: unknown option or missing argument: -%c\n", optopt);
+        else
+          printf("qx_scramble: unknown option: %s\n", argv[optind - 1]);
         usage(stdout);
         return 2;
     }

@@ -1,6 +1,6 @@
 // qx_agentsim as job script writers use it: each mode as a messenger run sees it, the event
-// it prints, its own exit after --count events and wrong command lines; and whole messenger
-// runs against it under valgrind (skipped in sanitizer builds and where it is missing).
+// it prints, its own exit after --count events, wrong command lines and its help; and whole
+// messenger runs against it under valgrind (skipped in sanitizer builds and where it is missing).
 #include <gtest/gtest.h>
 
 #include "support/agent.h"
@@ -57,14 +57,27 @@ TEST(AgentSimulator, ExitsAfterCountEvents) {
   EXPECT_NE(sim.lines()[2].find("file='/tmp/job.out'"), std::string::npos) << sim.lines()[2];
 }
 
-TEST(AgentSimulator, WrongCommandLines) {
-  using Args = std::vector<std::string>;
-  for (const Args& args :
-       {Args{"--port", "70000"}, Args{"--mode", "rude"}, Args{"--count"}, Args{"-v"}}) {
-    const RunResult run = run_program(bin_path("qx_agentsim"), args, 10);
-    EXPECT_EQ(run.status, 2) << args[0];
+// A wrong command line prints the short usage and exits with 2; asking for help prints every
+// flag and exits with 0 without listening.
+TEST(AgentSimulator, CommandLinesThatDoNotServe) {
+  const struct {
+    std::vector<std::string> args;
+    int status;
+  } cases[] = {
+      {{"--port", "70000"}, 2}, {{"--mode", "rude"}, 2}, {{"--count"}, 2}, {{"-v"}, 2},
+      {{"--help"}, 0},          {{"--json", "-h"}, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[0]);
+    const RunResult run = run_program(bin_path("qx_agentsim"), c.args, 10);
+    EXPECT_EQ(run.status, c.status);
     EXPECT_EQ(run.out.rfind("usage: qx_agentsim", 0), 0u) << run.out;
+    EXPECT_EQ(run.out.find("listening on 127.0.0.1"), std::string::npos) << run.out;
     EXPECT_EQ(run.err, "");
+    for (const char* flag : {"--addr", "--port", "--json", "--count", "--mode", "--help"}) {
+      const bool listed = run.out.find(std::string("\n  ") + flag) != std::string::npos;
+      EXPECT_TRUE(listed || c.status != 0) << flag;
+    }
   }
 }
 

@@ -120,6 +120,8 @@ TEST(ScrambleTool, RefusalsGoToStandardOutput) {
       {{}, "", 1},
       {{"-d"}, "PLAIN\n", 1},
       {{"-h"}, "", 0},
+      {{"--help"}, "", 0},
+      {{"--version"}, "", 2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args.empty() ? c.input : c.args[0]);
