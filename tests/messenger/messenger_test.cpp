@@ -8,7 +8,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <cctype>
+#include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -19,6 +22,7 @@
 #include "messenger/driver.h"
 #include "messenger/hooks.h"
 #include "messenger/job_messages.h"
+#include "messenger/usage.h"
 
 namespace {
 
@@ -77,6 +81,57 @@ TEST(Arguments, KeywordsSetTheirFields) {
     for (std::string w; words >> w;)
       EXPECT_NE(fields.find(" " + w + " "), std::string::npos)
           << w.substr(0, 80) << " in" << fields.substr(0, 300);
+  }
+}
+
+// The keys a text lists: the first group of `key` in every line of `text` between the line
+// that starts with `from` (or the start) and the next line that starts with `to`.
+std::vector<std::string> ListedKeys(const std::string& text, const std::string& from,
+                                    const std::string& to, const std::regex& key) {
+  std::vector<std::string> keys;
+  std::istringstream lines(text);
+  bool inside = from.empty();
+  for (std::string line; std::getline(lines, line);) {
+    if (!inside) {
+      inside = line.rfind(from, 0) == 0;
+      continue;
+    }
+    if (!to.empty() && line.rfind(to, 0) == 0) break;
+    std::smatch m;
+    if (std::regex_search(line, m, key)) keys.push_back(m[1]);
+  }
+  std::sort(keys.begin(), keys.end());
+  return keys;
+}
+
+std::string FileText(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// The manual page, the README's table and the usage text list exactly the keys the parser
+// knows, each once.
+TEST(Arguments, EveryKnownKeyIsDocumentedAndNoOther) {
+  std::vector<std::string> known;
+  for (const ArgumentKey& k : kArgumentKeys)
+    known.emplace_back(k.name);
+  std::sort(known.begin(), known.end());
+  const struct {
+    const char* what;
+    std::string text, from, to;
+    std::regex key;
+  } documents[] = {
+      {"man/qx_jpmd.1", FileText(QX_SOURCE_DIR "/man/qx_jpmd.1"), ".Sh ARGUMENTS", ".Sh ",
+       std::regex(R"(^\.It Cm ([A-Za-z]+) Ns =)")},
+      {"README.md", FileText(QX_SOURCE_DIR "/README.md"), "## Arguments", "## ",
+       std::regex(R"(^\| `([A-Za-z]+)` \|)")},
+      {"usage text", kUsageText, "", "", std::regex(R"(^  ([A-Za-z]+)=)")},
+  };
+  for (const auto& d : documents) {
+    ASSERT_FALSE(d.text.empty()) << d.what;
+    EXPECT_EQ(ListedKeys(d.text, d.from, d.to, d.key), known) << d.what;
   }
 }
 
