@@ -4,7 +4,8 @@ CMAKE   ?= cmake
 GEN     := -G Ninja
 CTEST   := ctest --output-on-failure -j$(JOBS) --timeout 900
 
-.PHONY: all build test test-normal test-asan test-tsan test-fuzz demo bench format clean
+.PHONY: all build install deb test test-normal test-asan test-tsan test-fuzz test-package demo bench \
+        format clean
 
 all: build
 
@@ -12,8 +13,25 @@ build:
 	$(CMAKE) -S . -B build $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	$(CMAKE) --build build -j$(JOBS)
 
-# The whole suite: a normal build, ASan+UBSan, ThreadSanitizer, and short fuzz runs.
-test: test-normal test-asan test-tsan test-fuzz
+# Installs the programs, manual pages and documentation under $(DESTDIR)$(PREFIX); builds only
+# what is installed.
+PREFIX  ?= /usr/local
+DESTDIR ?=
+install:
+	$(CMAKE) -S . -B build $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	$(CMAKE) --build build -j$(JOBS) --target qx_installed
+	DESTDIR="$(DESTDIR)" $(CMAKE) --install build --prefix "$(PREFIX)"
+
+# The Debian package build/package/qx-jpmd_<version>_<arch>.deb of the same files.
+deb:
+	$(CMAKE) -S . -B build $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	$(CMAKE) --build build -j$(JOBS) --target qx_installed
+	rm -f build/package/*.deb
+	cd build && cpack -G DEB -B package
+
+# The whole suite: a normal build, the package check, ASan+UBSan, ThreadSanitizer, and short
+# fuzz runs.
+test: test-normal test-package test-asan test-tsan test-fuzz
 
 test-normal:
 	$(CMAKE) -S . -B build $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
@@ -30,6 +48,11 @@ test-tsan:
 	$(CMAKE) -S . -B build-tsan $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQX_SANITIZE=thread
 	$(CMAKE) --build build-tsan -j$(JOBS)
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(CTEST) --test-dir build-tsan
+
+# Unpacks the package into a temporary root and runs the programs, the example job script and
+# the manual pages from there; lintian must find no error. Nothing is installed on the host.
+test-package: deb
+	scripts/check-package.sh build/package/qx-jpmd_*.deb build
 
 # Each libFuzzer target runs for FUZZ_SECONDS on its committed seed corpus.
 FUZZ_SECONDS ?= 20
