@@ -91,7 +91,8 @@ for page in "$root"/usr/share/man/man1/*; do
   name=$(basename "$page")
   man_renders() {
     local err
-    err=$(MANWIDTH=80 man -l "$1" 2>&1 > /dev/null) || { echo "$err"; return 1; }
+    # A locale the host lacks would make man complain on its own account.
+    err=$(LC_ALL=C.UTF-8 MANWIDTH=80 man -l "$1" 2>&1 > /dev/null) || { echo "$err"; return 1; }
     [ -z "$err" ] || { echo "$err"; return 1; }
   }
   check "man -l $name" man_renders "$page"
