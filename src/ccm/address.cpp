@@ -43,7 +43,7 @@ addrinfo* resolve(const char* fn, const char* host, ccm_error_t* ccmerr) {
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* answers = nullptr;
   errno = 0;
-  if (getaddrinfo(host, nullptr, &hints, &answers) != 0) {
+  if (ccm_resolver.resolve(host, nullptr, &hints, &answers) != 0) {
     int err = errno;
     ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "getaddrinfo|%d(%s)", err, strerror(err));
     QX_TRACE("%s <-- (getaddrinfo error)", fn);
@@ -72,7 +72,43 @@ bool clean_hostname(const char* host, char (&area)[CCM_HOSTNAME_SIZE]) {
   return true;
 }
 
+// An answer's address in a zeroed record: 16 bytes for IPv4, 28 otherwise.
+void copy_answer(const addrinfo* ai, sockaddr_in6* addr) {
+  std::memset(addr, 0, sizeof *addr);
+  size_t want = ai->ai_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+  std::memcpy(addr, ai->ai_addr, std::min<size_t>(want, ai->ai_addrlen));
+}
+
+void trace_result(const char* fn, sockaddr_in6* addr) {
+  if (!trc_level()) return;
+  char text[256];
+  if (ccm_address2string(addr, text, sizeof text) != 0) {
+    ccm_copy_text(text, sizeof text, "error resolve address");
+  }
+  __trace_text(0, "%s <-- (OK,family=%d,address=%s)", fn, addr->sin6_family, text);
+}
+
+// The look-up that both resolving operations begin with: the cleaned name's answers (to be
+// released through ccm_resolver), or null with the failure recorded and traced.
+addrinfo* clean_and_resolve(const char* fn, const char* phostname, ccm_error_t* ccmerr) {
+  QX_TRACE("%s(hostname=%s) -->", fn, phostname ? phostname : "(null)");
+  if (ccmerr != nullptr) std::memset(ccmerr, 0, sizeof *ccmerr);
+  char host[CCM_HOSTNAME_SIZE];
+  if (!clean_hostname(phostname, host)) {
+    // The name cannot be a host name; refuse it as the resolver would.
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "getaddrinfo|%d(%s)", ENAMETOOLONG,
+                  strerror(ENAMETOOLONG));
+    QX_TRACE("%s <-- (getaddrinfo error)", fn);
+    return nullptr;
+  }
+  QX_TRACE("%s:      hostname without brackets=%s", fn, host);
+  return resolve(fn, host, ccmerr);
+}
+
 }  // namespace
+
+const ccm_resolver_t ccm_resolver_default = {getaddrinfo, freeaddrinfo};
+ccm_resolver_t ccm_resolver = ccm_resolver_default;
 
 const addrinfo* ccm_address_choose(const addrinfo* answers, int options) {
   const addrinfo* second = nullptr;
@@ -94,34 +130,41 @@ const addrinfo* ccm_address_choose(const addrinfo* answers, int options) {
 
 int ccm_hostname2address(const char* phostname, int options, sockaddr_in6* addr,
                          ccm_error_t* ccmerr) {
-  QX_TRACE("%s(hostname=%s) -->", __func__, phostname ? phostname : "(null)");
   std::memset(addr, 0, sizeof *addr);
-  if (ccmerr != nullptr) std::memset(ccmerr, 0, sizeof *ccmerr);
-  char host[CCM_HOSTNAME_SIZE];
-  if (!clean_hostname(phostname, host)) {
-    // The name cannot be a host name; refuse it as the resolver would.
-    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "getaddrinfo|%d(%s)", ENAMETOOLONG,
-                  strerror(ENAMETOOLONG));
-    QX_TRACE("%s <-- (getaddrinfo error)", __func__);
-    return -1;
-  }
-  QX_TRACE("%s:      hostname without brackets=%s", __func__, host);
-
-  addrinfo* answers = resolve(__func__, host, ccmerr);
+  addrinfo* answers = clean_and_resolve(__func__, phostname, ccmerr);
   if (answers == nullptr) return -1;
-  const addrinfo* chosen = ccm_address_choose(answers, options);
-  size_t want = chosen->ai_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
-  std::memcpy(addr, chosen->ai_addr, std::min<size_t>(want, chosen->ai_addrlen));
-  freeaddrinfo(answers);
-
-  if (trc_level()) {
-    char text[256];
-    if (ccm_address2string(addr, text, sizeof text) != 0) {
-      ccm_copy_text(text, sizeof text, "error resolve address");
-    }
-    __trace_text(0, "%s <-- (OK,family=%d,address=%s)", __func__, addr->sin6_family, text);
-  }
+  copy_answer(ccm_address_choose(answers, options), addr);
+  ccm_resolver.release(answers);
+  trace_result(__func__, addr);
   return 0;
+}
+
+int ccm_hostname2addresses(const char* phostname, int options, sockaddr_in6* addrs, int max,
+                           ccm_error_t* ccmerr) {
+  if (max < 1) return -1;
+  addrinfo* answers = clean_and_resolve(__func__, phostname, ccmerr);
+  if (answers == nullptr) return -1;
+  // Three walks in the resolver's order: usable answers of a preferred family, the other
+  // usable ones, the unusable ones. An address the resolver gave twice is taken once.
+  int n = 0;
+  for (int group = 0; group < 3; ++group) {
+    for (const addrinfo* ai = answers; ai != nullptr && n < max; ai = ai->ai_next) {
+      char text[256];
+      answer_text(ai, text, sizeof text);
+      const int in_group = unusable(text) ? 2 : preferred(ai, options) ? 0 : 1;
+      if (in_group != group) continue;
+      sockaddr_in6 addr;
+      copy_answer(ai, &addr);
+      bool seen = false;
+      for (int k = 0; k < n && !seen; ++k)
+        seen = std::memcmp(&addrs[k], &addr, sizeof addr) == 0;
+      if (!seen) addrs[n++] = addr;
+    }
+  }
+  ccm_resolver.release(answers);
+  trace_result(__func__, &addrs[0]);
+  QX_TRACE("%s:      %d address(es) in the order they are tried", __func__, n);
+  return n;
 }
 
 int ccm_address2string(sockaddr_in6* addr, char* dst, socklen_t size) {
@@ -202,7 +245,7 @@ int ccm_log_all_ip(const char* hostname, ccm_error_t* ccmerr) {
     ccm_address2string(&work, text, sizeof text);
     __log(CCM_MSGNR_ALL_IP, "%s|%s", hostname, ccm_addressformatted(text, bracketed));
   }
-  freeaddrinfo(answers);
+  ccm_resolver.release(answers);
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }

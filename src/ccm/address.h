@@ -27,6 +27,25 @@ inline constexpr int CCM_MSGNR_ALL_IP = 2000066;
 int ccm_hostname2address(const char* phostname, int options, struct sockaddr_in6* addr,
                          ccm_error_t* ccmerr);
 
+// The resolver the connection manager asks, with the release of its answers: getaddrinfo and
+// freeaddrinfo. A test may put its own pair here (to make a name resolve to the addresses it
+// wants) while no other thread resolves, and must put the pair back before others do.
+struct ccm_resolver_t {
+  int (*resolve)(const char* node, const char* service, const struct addrinfo* hints,
+                 struct addrinfo** answers);
+  void (*release)(struct addrinfo* answers);
+};
+extern ccm_resolver_t ccm_resolver;
+extern const ccm_resolver_t ccm_resolver_default;
+
+// Resolves `phostname` into up to `max` addresses in `addrs` (ports left 0), in the order of
+// preference of ccm_address_choose extended to all answers: the usable answers of a
+// preferred family, then the other usable answers, then the unusable ones, each group in the
+// resolver's order (so the first is what ccm_hostname2address gives). The number of
+// addresses (1 or more), or -1 as ccm_hostname2address fails.
+int ccm_hostname2addresses(const char* phostname, int options, struct sockaddr_in6* addrs, int max,
+                           ccm_error_t* ccmerr);
+
 // The choice among resolver answers: the first usable answer of a preferred family, else the
 // first usable answer, else the first answer. Loopback and link-local answers are unusable.
 // Null for an empty list.

@@ -14,6 +14,7 @@
 #ifndef QX_CCM_CHANNEL_H_
 #define QX_CCM_CHANNEL_H_
 
+#include <netinet/in.h>
 #include <pthread.h>
 
 #include <cstddef>
@@ -43,6 +44,10 @@ inline constexpr int CCM_CHFLAG_BINDADDR = 0x40;  // `bind_addr` known, or an "*
 inline constexpr int CCM_MSGNR_CLOSE_OTHER = 2002040;
 inline constexpr int CCM_MSGNR_CLOSE_SERVER = 2000010;
 inline constexpr int CCM_MSGNR_CLOSE_AGENT = 2000007;
+
+// Most addresses of a partner that one outgoing connection tries: the first, and the others
+// kept in the channel to move on to.
+inline constexpr int CCM_CONNECT_ADDRESSES_MAX = 8;
 
 struct ccm_connect_user_context_t {
   char key[32];
@@ -86,6 +91,12 @@ struct ccm_channel_t {
   ccm_msg_queue_t recvq;
   void* pATctx;
   void* pDelegCred;
+  // An outgoing connection's further partner addresses in the order they are tried, each
+  // when the one before is refused or unreachable; the family tells each one's length.
+  // next_addr_pos == next_addr_count once none is left or the connection came about.
+  sockaddr_in6 next_addr[CCM_CONNECT_ADDRESSES_MAX - 1];
+  int next_addr_count;
+  int next_addr_pos;
 };
 
 // Creates a zero-filled channel with the next ID and name "*ID<n>", in no list.

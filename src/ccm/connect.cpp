@@ -5,7 +5,10 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 
@@ -31,6 +34,90 @@ void trace_channel_entry(const char* fn, const ccm_channel_t* ch) {
 
 socklen_t sockaddr_length(const sockaddr_in6& addr) {
   return addr.sin6_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+}
+
+// Failures of one address after which the connection moves on to the next address: the
+// partner refused, or that address (or its whole family) cannot be reached from here.
+bool try_next_after(int err) {
+  switch (err) {
+    case ECONNREFUSED:
+    case ENETUNREACH:
+    case EHOSTUNREACH:
+    case ENETDOWN:
+    case EHOSTDOWN:
+    case EADDRNOTAVAIL:
+    case EAFNOSUPPORT:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Makes the channel's socket for `addr` (non-blocking, lingering, bound to the wildcard
+// address of its family) and starts the connection: null when it came about or is under way;
+// else what failed, with `ccmerr` filled and `*failed_errno` set to the error of a failed
+// system call (0 for the others). A socket made stays in `ch->s`.
+const char* start_connection(ccm_context_t* ccm, ccm_channel_t* ch, sockaddr_in6 addr,
+                             int* failed_errno, ccm_error_t* ccmerr) {
+  ccm_address2string(&addr, ch->addr, sizeof ch->addr);
+  *failed_errno = 0;
+  ch->s = socket(addr.sin6_family, SOCK_STREAM, 0);
+  int err = errno;
+  QX_TRACE("%s:      socket(...) <-- s=%d", "ccm_connect", ch->s);
+  if (ch->s < 0) {
+    *failed_errno = err;
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "socket()|%d(%s),S(%d(ID=%d))|", err, strerror(err),
+                  ch->s, ch->ID);
+    return "socket() error";
+  }
+  if (ccm_set_nonblocking(ccm, ch, ccmerr) != 0) return "error set non-blocking mode";
+  if (ccm_set_linger(ccm, ch, 1, CCM_LINGER_SECS, ccmerr) != 0) return "error set linger";
+
+  sockaddr_in6 local{};
+  local.sin6_family = addr.sin6_family;
+  QX_TRACE("%s:      bind(%d,ID=%d) -->", "ccm_connect", ch->s, ch->ID);
+  int rslt = bind(ch->s, reinterpret_cast<sockaddr*>(&local), sockaddr_length(local));
+  err = rslt == 0 ? 0 : errno;
+  QX_TRACE("%s:      bind(...) <-- rslt=%d,errno=%d-%s", "ccm_connect", rslt, err, strerror(err));
+  if (rslt != 0) {
+    *failed_errno = err;
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "bind()|%d(%s),S(%d(ID=%d))|", err, strerror(err),
+                  ch->s, ch->ID);
+    return "bind() error";
+  }
+
+  // sin_port and sin6_port stand at the same offset.
+  addr.sin6_port = htons(static_cast<uint16_t>(ch->port));
+  QX_TRACE("%s:      connect(%d(ID=%d), %s:%d) -->", "ccm_connect", ch->s, ch->ID, ch->addr,
+           ch->port);
+  rslt = connect(ch->s, reinterpret_cast<sockaddr*>(&addr), sockaddr_length(addr));
+  err = rslt == 0 ? 0 : errno;
+  QX_TRACE("%s:      connect(...) <-- rslt=%d,errno=%d-%s", "ccm_connect", rslt, err,
+           strerror(err));
+  if (rslt != 0 && err != EINPROGRESS) {
+    *failed_errno = err;
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "connect()|%d(%s),S(%d(ID=%d))|", err, strerror(err),
+                  ch->s, ch->ID);
+    return "connect() error";
+  }
+  return nullptr;
+}
+
+// Starts the connection with the channel's next addresses, from `next_addr_pos` on, as long
+// as each fails at once in a way that lets the next one be tried. Null once one is under
+// way; else what failed last (its socket stays in `ch->s`, `ccmerr` tells why).
+const char* start_with_next_address(ccm_context_t* ccm, ccm_channel_t* ch, ccm_error_t* ccmerr) {
+  const char* why = "connect() error";
+  while (ch->next_addr_pos < ch->next_addr_count) {
+    if (ch->s >= 0) close(ch->s);
+    ch->s = -1;
+    int failed = 0;
+    why = start_connection(ccm, ch, ch->next_addr[ch->next_addr_pos++], &failed, ccmerr);
+    if (why == nullptr) return nullptr;
+    if (!try_next_after(failed)) break;
+  }
+  ch->next_addr_pos = ch->next_addr_count;
+  return why;
 }
 
 }  // namespace
@@ -88,8 +175,13 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type,
     return -1;
   }
 
-  sockaddr_in6 addr{};
-  if (ccm_hostname2address(host, CCM_PREFER_IPV4, &addr, ccmerr) != 0) {
+  // Every usable address of the partner, in the order of preference; the connection starts
+  // with the first, and moves on to the next when one is refused or unreachable, here or
+  // later in the network thread.
+  sockaddr_in6 addrs[CCM_CONNECT_ADDRESSES_MAX];
+  const int naddrs =
+      ccm_hostname2addresses(host, CCM_PREFER_IPV4, addrs, CCM_CONNECT_ADDRESSES_MAX, ccmerr);
+  if (naddrs < 1) {
     ccm_free(cuc);
     QX_TRACE("%s <-- (error resolve hostname)", __func__);
     return -1;
@@ -103,7 +195,7 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type,
   ch->type = type;
   ch->port = port;
   ccm_copy_text(ch->host, sizeof ch->host, host);
-  ccm_address2string(&addr, ch->addr, sizeof ch->addr);
+  ccm_address2string(&addrs[0], ch->addr, sizeof ch->addr);
   ch->cuc = cuc;
   __log(CCM_MSGNR_CONNECT_LOG, "%s:%d(ID=%d)", host, port, ch->ID);
 
@@ -116,39 +208,18 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type,
     return -1;
   };
 
-  ch->s = socket(addr.sin6_family, SOCK_STREAM, 0);
-  int err = errno;
-  QX_TRACE("%s:      socket(...) <-- s=%d", __func__, ch->s);
-  if (ch->s < 0) {
-    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "socket()|%d(%s),S(%d(ID=%d))|", err, strerror(err),
-                  ch->s, ch->ID);
-    return fail("socket() error");
+  int failed = 0;
+  ch->s = -1;
+  if (const char* why = start_connection(ccm, ch, addrs[0], &failed, ccmerr); why != nullptr) {
+    if (naddrs == 1 || !try_next_after(failed)) return fail(why);
   }
-  if (ccm_set_nonblocking(ccm, ch, ccmerr) != 0) return fail("error set non-blocking mode");
-  if (ccm_set_linger(ccm, ch, 1, CCM_LINGER_SECS, ccmerr) != 0) return fail("error set linger");
-
-  sockaddr_in6 local{};
-  local.sin6_family = addr.sin6_family;
-  QX_TRACE("%s:      bind(%d,ID=%d) -->", __func__, ch->s, ch->ID);
-  int rslt = bind(ch->s, reinterpret_cast<sockaddr*>(&local), sockaddr_length(local));
-  err = rslt == 0 ? 0 : errno;
-  QX_TRACE("%s:      bind(...) <-- rslt=%d,errno=%d-%s", __func__, rslt, err, strerror(err));
-  if (rslt != 0) {
-    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "bind()|%d(%s),S(%d(ID=%d))|", err, strerror(err),
-                  ch->s, ch->ID);
-    return fail("bind() error");
-  }
-
-  // sin_port and sin6_port stand at the same offset.
-  addr.sin6_port = htons(static_cast<uint16_t>(port));
-  QX_TRACE("%s:      connect(%d(ID=%d), %s:%d) -->", __func__, ch->s, ch->ID, ch->addr, port);
-  rslt = connect(ch->s, reinterpret_cast<sockaddr*>(&addr), sockaddr_length(addr));
-  err = rslt == 0 ? 0 : errno;
-  QX_TRACE("%s:      connect(...) <-- rslt=%d,errno=%d-%s", __func__, rslt, err, strerror(err));
-  if (rslt != 0 && err != EINPROGRESS) {
-    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "connect()|%d(%s),S(%d(ID=%d))|", err, strerror(err),
-                  ch->s, ch->ID);
-    return fail("connect() error");
+  for (int k = 1; k < naddrs; ++k)
+    ch->next_addr[k - 1] = addrs[k];
+  ch->next_addr_count = naddrs - 1;
+  ch->next_addr_pos = 0;
+  if (failed != 0) {
+    if (const char* why = start_with_next_address(ccm, ch, ccmerr); why != nullptr)
+      return fail(why);
   }
 
   int id = ch->ID;
@@ -161,6 +232,33 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type,
   ccm_wakeup_network(ccm);
   QX_TRACE("%s <-- (ID=%d)", __func__, id);
   return id;
+}
+
+int ccm_connect_next_address(ccm_context_t* ccm, ccm_channel_t* ccmch) {
+  if (ccmch->next_addr_pos >= ccmch->next_addr_count) return 0;
+  int err = 0;
+  socklen_t len = sizeof err;
+  if (getsockopt(ccmch->s, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
+  if (err == 0 || !try_next_after(err)) {
+    // The connection came about (or failed otherwise): no further address will be tried.
+    ccmch->next_addr_pos = ccmch->next_addr_count;
+    if (err == 0) return 0;
+    // The error was taken from the socket; it is recorded here as reading would have.
+    ccmch->msgnr = CCM_MSGNR_SYSCALL;
+    std::snprintf(ccmch->msginsert, sizeof ccmch->msginsert, "connect()|%d(%s),S(%d(ID=%d))|", err,
+                  strerror(err), ccmch->s, ccmch->ID);
+    ccm_channel_delete(ccm, ccmch);
+    return 1;
+  }
+  QX_TRACE("%s:      connection of channel %d to %s:%d failed (%d-%s): next address", __func__,
+           ccmch->ID, ccmch->addr, ccmch->port, err, strerror(err));
+  ccm_error_t own{};
+  if (start_with_next_address(ccm, ccmch, &own) != nullptr) {
+    ccmch->msgnr = own.msgnr;
+    ccm_copy_text(ccmch->msginsert, sizeof ccmch->msginsert, own.msginsert);
+    ccm_channel_delete(ccm, ccmch);
+  }
+  return 1;
 }
 
 int ccm_is_cp_connecting(ccm_context_t* ccm, const char* host, int port, ccm_error_t* ccmerr) {

@@ -22,6 +22,14 @@ inline constexpr int CCM_MSGNR_CONNECT_LOG = 2000348;
 int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type,
                 ccm_connect_user_context_t* cuc, int connwait, ccm_error_t* ccmerr);
 
+// For the network thread, when the socket of an outgoing connection that still has further
+// addresses to try is ready: 0 when the connection came about (the channel is served as
+// usual, and no further address is tried from then on); 1 when it failed, and then the
+// connection is under way to the next address that does not fail at once, or, when the
+// failure was neither a refusal nor unreachability or no address is left, the channel is
+// deleted with the error recorded. A channel without further addresses gives 0 at once.
+int ccm_connect_next_address(ccm_context_t* ccm, ccm_channel_t* ccmch);
+
 // Puts the channel's socket into non-blocking mode; 0 or -1.
 int ccm_set_nonblocking(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccmerr);
 // Sets SO_LINGER on the channel's socket; 0 or -1.

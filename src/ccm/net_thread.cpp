@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ccm/connect.h"
 #include "ccm/internal.h"
 #include "ccm/io.h"
 #include "ccm/listen.h"
@@ -319,6 +320,9 @@ int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
     next = ch->nxt;
     if (is_deleted(ch) || ch->type == CCM_CHTYPE_NOSOCKET || !watchable(ch->s)) continue;
     ccm_error_t own{};
+    // An outgoing connection with further addresses: a refusal moves it on to the next one.
+    if ((fd_read.has(ch->s) || fd_error.has(ch->s)) && ccm_connect_next_address(ccm, ch) != 0)
+      continue;
     if (fd_read.has(ch->s)) {
       if (ch->type == CCM_CHTYPE_LISTEN) {
         ccm_signal_on_listen(ccm, ch, &own);
