@@ -79,16 +79,24 @@ int received_count() {
   return n;
 }
 
+// Called on every step of a wait; tests set it through the session's timing.
+void (*wait_step_hook)() = nullptr;
+
 // Waits until `deadline` (monotonic milliseconds) for a message or notice of channel
 // `channelID`. Whatever belongs to another channel (a close notice of an earlier attempt, a
 // late frame on a rejected connection) is given back and traced. So are the first `*early`
 // messages taken, when given: they were received before the caller sent anything, so none
-// of them answers it (a close notice still ends the wait). A deadline in the past only
-// looks at what is already queued.
+// of them answers it (a close notice still ends the wait). The deadline holds however many
+// messages keep arriving; but what was queued when the wait began is always looked at, so a
+// deadline in the past (TIMEOUT=NONE) looks at exactly that.
 WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** out,
                                 int* early = nullptr) {
   *out = nullptr;
+  int queued_at_start = received_count();
+  // After a message was set aside: whether the wait is over although more may be queued.
+  auto past_deadline = [&] { return queued_at_start-- <= 0 && now_ms() >= deadline; };
   for (;;) {
+    if (wait_step_hook != nullptr) wait_step_hook();
     ccm_error_t err{};
     ccm_msg_t* msg = nullptr;
     int r = ccm_receive_message(ccm, 0, &msg, &err);
@@ -101,6 +109,7 @@ WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** o
         QX_TRACE("%s:      discarded a message of channel %d that came before the job message",
                  kMain, id);
         ccm_msg_free(ccm, msg);
+        if (past_deadline()) return WaitResult::kTimeout;
         continue;
       }
       if (id == channelID) {
@@ -110,6 +119,7 @@ WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** o
       QX_TRACE("%s:      discarded %s of channel %d (waiting for channel %d)", kMain,
                is_close_notice(msg) ? "close notice" : "message", id, channelID);
       ccm_msg_free(ccm, msg);
+      if (past_deadline()) return WaitResult::kTimeout;
       continue;
     }
     long long left = deadline - now_ms();
@@ -235,6 +245,7 @@ void send_job_message(PCX* pcx) {
 int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
   ccm_error_t err{};
   const long long pause = timing != nullptr ? timing->pause_ms : pcx->connect_wait * 1000LL;
+  wait_step_hook = timing != nullptr ? timing->on_wait_step : nullptr;
   // "TIMEOUT=NONE" gives 0: each wait only looks at what is queued. A negative value acts
   // the same.
   const long long timeout_ms = std::max(pcx->IoTimeOut, 0) * 1000LL;
@@ -286,10 +297,14 @@ int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
       pcx->agentID = ccmmsg->addr.src_ID;
       greeted = true;
     } else {
-      // The channel of a rejected attempt stays open until the shutdown.
+      // The channel of a rejected attempt is read no more: it is deleted at once (a peer
+      // that floods it meets a closed connection, not a growing queue). Its close notice
+      // comes later and is set aside by the next wait.
       QX_TRACE("%s:      invalid answer", kMain);
       ccm_msg_free(ccm, ccmmsg);
       ccmmsg = nullptr;
+      ccm_channel_deletebyID(ccm, ccmID);
+      ccm_wakeup_network(ccm);
     }
   }
 

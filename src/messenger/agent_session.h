@@ -23,8 +23,11 @@ extern int ccmID;           // result of the last ccm_connect
 // How long the session pauses before every connection attempt but the first. The command
 // line cannot change it; a program passes null and gets `connect_wait` seconds. Tests pass a
 // short pause to exercise the attempts in-process.
+// Tests may also have a function called on every step of every wait for the agent, before
+// the step looks at the receive queue (for example to queue unrelated messages at will).
 struct AgentSessionTiming {
   int pause_ms;
+  void (*on_wait_step)() = nullptr;
 };
 
 // Runs the session for the parsed and reported context. Returns the exit status of the run:

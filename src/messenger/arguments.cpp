@@ -113,6 +113,13 @@ int parse_arguments(PCX* pcx, int argc, char** argv) {
   QX_TRACE("%s(argc=%d) -->", __func__, argc);
   for (int i = 1; i < argc; ++i) {
     QX_TRACE("%s:      argument-%02i : %s", __func__, i, argv[i]);
+    // Only KEY=value arguments are read. A bare word (a job script's unquoted text that the
+    // shell split into words) is never taken as a key: "cmd" would otherwise run an empty
+    // command, "retry" would make no connection attempt.
+    if (strchr(argv[i], '=') == nullptr) {
+      QX_TRACE("%s:      argument-%02i ignored: it holds no \"=\"", __func__, i);
+      continue;
+    }
     char key[kKeySize];
     memset(key, 0, sizeof key);
     memset(value_area, 0, sizeof value_area);

@@ -49,10 +49,11 @@ inline constexpr ArgumentKey kArgumentKeys[] = {
     {"CMD", ArgumentId::kCMD},
 };
 
-// Reads argv[1] to argv[argc-1] into `pcx` and returns 0. Nothing is rejected: unknown keys
-// are ignored, missing values give empty texts, NUL characters and 0 numbers, too long texts
-// are cut to their fields. A `CMD` argument runs its command at once and ends the process
-// (exit status 0 when the command's result was 0, else 1); later arguments are not read.
+// Reads argv[1] to argv[argc-1] into `pcx` and returns 0. Nothing is rejected: arguments
+// without "=" and unknown keys are ignored, missing values give empty texts, NUL characters and 0
+// numbers, too long texts are cut to their fields. A `CMD` argument runs its command at once and
+// ends the process (exit status 0 when the command's result was 0, else 1); later arguments are not
+// read.
 int parse_arguments(PCX* pcx, int argc, char** argv);
 
 #endif  // QX_MESSENGER_ARGUMENTS_H_

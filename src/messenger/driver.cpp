@@ -8,6 +8,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "common/standard_fds.h"
 #include "common/strutil.h"
 #include "common/trace_log.h"
 #include "messenger/agent_session.h"
@@ -58,6 +59,14 @@ int initialize_messenger(PCX* pcx) {
 }
 
 int run_messenger(int argc, char** argv) {
+  // Descriptors 0, 1 and 2 are open before anything else is: otherwise the connection
+  // manager's wake-up pipes or the agent's socket would take a closed one's number and the
+  // report and trace lines would be written into them.
+  ensure_standard_descriptors();
+  // A write to a standard output whose reader is gone fails with EPIPE instead of ending the
+  // run: the event still goes out and the exit status stays the job's. The disposition is
+  // for the whole run; a command run by CMD gets the default one back.
+  signal(SIGPIPE, SIG_IGN);
   // A run has two threads and a handful of allocations: one malloc arena serves both. A
   // second arena would cost the network thread a 64 MiB address reservation, trimmed again
   // at once, and its first page faults on every run.

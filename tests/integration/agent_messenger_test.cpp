@@ -5,8 +5,11 @@
 // (RETRY + 1) x TIMEOUT + 5 seconds.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 #include <memory>
 
+#include "ccm/address.h"
 #include "ccm/internal.h"
 #include "messenger/agent_session.h"
 #include "messenger/driver.h"
@@ -62,6 +65,11 @@ TEST(AgentMessenger, FrameOfEachEventOnTheWire) {
       {{"TYP=S", "JNR=7", "MNR=100", "TXT=nightly load"},
        status_body(7, 100, 'R', "nightly load", 0)},
       {{"TYP=E", "JNR=8", "MNR=100", "RET=3", "TXT=" + t40}, status_body(8, 100, 'E', t40, 3)},
+      // Unquoted texts split by the shell: the bare words "cmd" and "retry" are no keys.
+      {{"TYP=E", "JNR=8", "MNR=100", "RET=3", "TXT=see", "cmd", "log"},
+       status_body(8, 100, 'E', "see", 3)},
+      {{"TYP=S", "JNR=7", "TXT=backup", "failed,", "will", "retry"},
+       status_body(7, 0, 'R', "backup", 0)},
       {{"JNR=1", "MNR=-1", "RET=-1"}, status_body(1, -1, 'R', "", -1)},
       {{"TYP=O", "JNR=9", "MNR=2", "ULOGIN=Yes", "OUTFILE=/o/j9"}, output_body(9, 2, 'Y', "/o/j9")},
       {{"TYP=O", "JNR=9", "OUTFILE=" + f200}, output_body(9, 0, 'N', f200)},
@@ -168,6 +176,64 @@ TEST(AgentMessenger, HostileAgents) {
   }
 }
 
+// How the job script started the run: standard input, output or error closed (with a trace
+// that would fill a pipe that took their place), or standard output a pipe whose reader is
+// gone. The event is delivered and the exit status is the job's; closed descriptors are on
+// /dev/null while the run talks to the agent.
+TEST(AgentMessenger, ClosedOrBrokenStandardDescriptors) {
+  constexpr int kClosed = qxtest::kClosedFd;
+  int broken[2];
+  ASSERT_EQ(pipe2(broken, O_CLOEXEC), 0);
+  close(broken[0]);
+  const struct {
+    const char* name;
+    std::vector<int> fds;  // standard input, output, error of the run (-1: a file)
+  } cases[] = {
+      {"input and output closed", {kClosed, kClosed, -1}},
+      {"error closed", {-1, -1, kClosed}},
+      {"all closed", {kClosed, kClosed, kClosed}},
+      {"output a broken pipe", {-1, broken[1], -1}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::atomic<pid_t> pid{0};
+    std::string links[3];
+    FakeAgent agent([&](FakeAgent& self, int& fd, int index) {
+      for (int i = 0; i < 3; i++) {
+        char link[64] = {};
+        const std::string path = "/proc/" + std::to_string(pid.load()) + "/fd/" + std::to_string(i);
+        if (readlink(path.c_str(), link, sizeof link - 1) > 0) links[i] = link;
+      }
+      good_agent(self, fd, index);
+    });
+    std::vector<int> fds = c.fds;
+    for (int& fd : fds)
+      if (fd == -1) fd = qxtest::temp_file();
+    const long long start = now_ms();
+    pid = qxtest::spawn(
+        {bin_path("qx_jpmd"), "IPA=127.0.0.1", "PNR=" + std::to_string(agent.port()), "TYP=E",
+         "RET=5", "RETRY=1", "TIMEOUT=5", "TRC=1", "TXT=" + std::string(60, 't')},
+        fds);
+    int st = 0;
+    const bool ended = qxtest::reap(pid, start + 20000, &st);
+    if (!ended) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &st, 0);
+    }
+    EXPECT_TRUE(ended && WIFEXITED(st)) << st;
+    EXPECT_EQ(WEXITSTATUS(st), 5);
+    EXPECT_EQ(agent.frames().size(), 1u);
+    for (int i = 0; i < 3; i++) {
+      if (c.fds[i] == kClosed) {
+        EXPECT_EQ(links[i], "/dev/null") << i;
+      }
+    }
+    for (int fd : fds)
+      if (fd >= 0 && fd != broken[1]) close(fd);
+  }
+  close(broken[1]);
+}
+
 // The greeting and a second frame arrive in one segment, so the second is queued before the
 // job message is even built. It is no reply: the job message must still reach the wire
 // exactly once, and the run waits for the real reply before it closes.
@@ -215,22 +281,24 @@ constexpr int kPauseMs = 300;
 
 class AgentSessionTest : public ::testing::Test {
  protected:
-  int run(int retry, int port) {
+  int run(int retry, int port, const char* host = "127.0.0.1") {
     initialize_messenger(&pcx_);  // the 120-second pause is replaced by the short one
     pcx_.melder_type = pcx_.status = 'E';
-    pcx_.IoTimeOut = 5;
+    pcx_.IoTimeOut = timeout_;
     pcx_.reti = 9;
     pcx_.jobnri = 5;
-    std::strcpy(pcx_.ipAddr, "127.0.0.1");
+    std::strcpy(pcx_.ipAddr, host);
     pcx_.connect_retry = retry;
     pcx_.portnri = port;
-    AgentSessionTiming timing{kPauseMs};
+    AgentSessionTiming timing{kPauseMs, on_wait_step_};
     const long long start = now_ms();
     const int status = run_agent_session(&pcx_, &timing);
     elapsed_ms_ = now_ms() - start;
     return status;
   }
   PCX pcx_;
+  int timeout_ = 5;
+  void (*on_wait_step_)() = nullptr;
   long long elapsed_ms_ = 0;
 };
 
@@ -266,8 +334,13 @@ TEST_F(AgentSessionTest, StaleCloseNoticeIsNoAnswer) {
       agent = std::make_unique<FakeAgent>(
           [refused](FakeAgent& self, int& fd, int index) {
             if (refused || index > 0) return good_agent(self, fd, index);
+            // The rejected connection is dropped at once: a flood meets a closed connection
+            // long before the pause ends.
+            const long long start = now_ms();
             write_all(fd, native_frame("wrong", 7));
-            usleep(50 * 1000);
+            while (now_ms() - start < 2 * kPauseMs && write_all(fd, native_frame("flood")))
+              usleep(100);
+            if (now_ms() - start < kPauseMs) self.keep({});
           },
           port);
     };
@@ -282,11 +355,106 @@ TEST_F(AgentSessionTest, StaleCloseNoticeIsNoAnswer) {
     EXPECT_EQ(pcx_.abnormal_end, 0);
     EXPECT_NE(pcx_.agentID, 0);
     EXPECT_EQ(agent->connections(), refused ? 1 : 2);
-    const std::vector<Bytes> frames = agent->frames();
+    std::vector<Bytes> frames = agent->frames();
+    if (!refused) {  // the mark that the flood met a closed connection in time
+      ASSERT_FALSE(frames.empty());
+      EXPECT_TRUE(frames[0].empty());
+      frames.erase(frames.begin());
+    }
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_EQ(std::string(frames[0].begin() + 63, frames[0].begin() + 71), "MELD    ");
     EXPECT_LT(elapsed_ms_, kPauseMs + 3000);  // a wait for the time-out would take 5 seconds
   }
+}
+
+// Unrelated messages (here internal ones that belong to no channel) keep arriving during the
+// wait for the greeting and during the wait for the reply: each wait still ends by its
+// deadline. The flow stops after 5 seconds, so that a wait that ignores its deadline fails
+// the time check instead of hanging.
+TEST_F(AgentSessionTest, DeadlineHoldsWhileUnrelatedMessagesArrive) {
+  static long long flow_until;
+  on_wait_step_ = [] {
+    if (now_ms() > flow_until) return;
+    ccm_error_t err{};
+    ccm_msg_t* m = ccm_msg_alloc(ccm, &err);
+    if (m == nullptr) return;
+    std::memcpy(m->msg_start, "UNRELATED", 10);
+    m->len = 16;
+    m->type = CCM_MSG_IPC;
+    ccm_spin_guard guard(ccm->queue_lock);
+    ccm_queue_unlink(ccm->msgq_inuse, m);
+    ccm_queue_append(ccm->recvq, m);
+  };
+  timeout_ = 1;
+  for (const bool greets : {false, true}) {
+    SCOPED_TRACE(greets ? "waiting for the reply" : "waiting for the greeting");
+    FakeAgent agent([greets](FakeAgent& self, int& fd, int) {
+      if (greets) write_all(fd, native_frame("mute agent"));
+      Bytes frame;
+      if (read_frame(fd, &frame, 10000)) self.keep(frame);
+      wait_eof(fd, 10000);
+    });
+    flow_until = now_ms() + 5000;
+    EXPECT_EQ(run(1, agent.port()), 9);
+    EXPECT_EQ(pcx_.abnormal_end, greets ? 0 : 1);
+    EXPECT_EQ(agent.frames().size(), greets ? 1u : 0u);
+    EXPECT_LT(elapsed_ms_, 1000 + 2000);
+  }
+}
+
+// A name that resolves to two addresses, the first refused: the attempt moves on to the
+// second within its own time-out. The addresses are tried in the order of preference (a
+// usable address before a loopback one), else in the resolver's order.
+TEST_F(AgentSessionTest, NextAddressWhenTheFirstIsRefused) {
+  static std::vector<std::string> answers;
+  ccm_resolver.resolve = [](const char* node, const char*, const addrinfo*, addrinfo** res) {
+    if (std::strcmp(node, "agent.test") != 0) return EAI_NONAME;
+    addrinfo* head = nullptr;
+    for (auto it = answers.rbegin(); it != answers.rend(); ++it) {
+      auto* ai = new addrinfo{};
+      auto* sa = new sockaddr_in6{};
+      if (inet_pton(AF_INET6, it->c_str(), &sa->sin6_addr) == 1) {
+        sa->sin6_family = AF_INET6;
+        ai->ai_addrlen = sizeof(sockaddr_in6);
+      } else {
+        auto* v4 = reinterpret_cast<sockaddr_in*>(sa);
+        v4->sin_family = AF_INET;
+        inet_pton(AF_INET, it->c_str(), &v4->sin_addr);
+        ai->ai_addrlen = sizeof(sockaddr_in);
+      }
+      ai->ai_family = sa->sin6_family;
+      ai->ai_socktype = SOCK_STREAM;
+      ai->ai_addr = reinterpret_cast<sockaddr*>(sa);
+      ai->ai_next = head;
+      head = ai;
+    }
+    *res = head;
+    return 0;
+  };
+  ccm_resolver.release = [](addrinfo* ai) {
+    while (ai != nullptr) {
+      addrinfo* next = ai->ai_next;
+      delete reinterpret_cast<sockaddr_in6*>(ai->ai_addr);
+      delete ai;
+      ai = next;
+    }
+  };
+  // The fake agent listens on 127.0.0.1 only: 127.0.0.2 and ::1 refuse (or, on a host without
+  // IPv6, cannot be reached).
+  const std::vector<std::string> cases[] = {
+      {"127.0.0.1", "127.0.0.2"},  // 127.0.0.2 is usable and tried first
+      {"::1", "127.0.0.1"},        // both loopback: the resolver's order
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c[0] + " " + c[1]);
+    answers = c;
+    FakeAgent agent(good_agent);
+    EXPECT_EQ(run(1, agent.port(), "agent.test"), 9);
+    EXPECT_NE(pcx_.agentID, 0);
+    EXPECT_EQ(agent.frames().size(), 1u);
+    EXPECT_LT(elapsed_ms_, 3000);
+  }
+  ccm_resolver = ccm_resolver_default;
 }
 
 // Without a connection manager the run ends at once with the job's status.

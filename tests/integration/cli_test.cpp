@@ -176,7 +176,7 @@ TEST(Report, EveryEventKindByteForByte) {
 
 TEST(Trace, EveryNonReportLineHasTheTraceShape) {
   const auto run =
-      Jpmd({"JNR=9", "TRC=1", "TYP=S", "TXT=traced", "TXT=" + std::string(99999, 'h')});
+      Jpmd({"JNR=9", "TRC=1", "TYP=S", "TXT=traced", "TXT=" + std::string(99999, 'h'), "cmd"});
   EXPECT_EQ(run.status, 0);
   const std::regex trace(R"(^[0-9A-F]{8,}         \d{8}/\d{6}\.\d{3} - (.*)$)");
   std::vector<std::string> texts;
@@ -192,16 +192,19 @@ TEST(Trace, EveryNonReportLineHasTheTraceShape) {
     }
   }
   EXPECT_EQ(report_lines, 6);
-  ASSERT_GE(texts.size(), 18u);
-  // Arguments before TRC are not traced; the summary follows the last one (RETRY=0).
+  ASSERT_GE(texts.size(), 20u);
+  // Arguments before TRC are not traced; a bare word is ignored (it would be the key CMD);
+  // the summary follows the last argument (RETRY=0).
   const std::pair<size_t, std::string> expected[] = {
       {0, "parse_arguments:      argument-03 : TYP=S"},
       {1, "parse_arguments:      key(TYP) = value(S)"},
       {3, "parse_arguments:      key(TXT) = value(traced)"},
-      {8, "parse_arguments:      TCP/IP address                 : ''"},
-      {10, "parse_arguments:      job number                     : '9'"},
-      {15, "parse_arguments <-- (OK)"},
-      {16, "printMelder() -->"},
+      {6, "parse_arguments:      argument-06 : cmd"},
+      {7, "parse_arguments:      argument-06 ignored: it holds no \"=\""},
+      {10, "parse_arguments:      TCP/IP address                 : ''"},
+      {12, "parse_arguments:      job number                     : '9'"},
+      {17, "parse_arguments <-- (OK)"},
+      {18, "printMelder() -->"},
       {texts.size() - 1,
        "main:      Program QX7 Messenger Version \"12.2.0+build.2108\" ended normally"}};
   for (const auto& [at, text] : expected)

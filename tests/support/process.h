@@ -54,6 +54,9 @@ struct RunResult {
   double secs = 0;      // from start to exit
 };
 
+// In `fds` of spawn: the descriptor is closed in the child.
+inline constexpr int kClosedFd = -2;
+
 // Starts `args[0]` with `fds` as its standard input, output and error (-1: inherited).
 inline pid_t spawn(std::vector<std::string> args, const std::vector<int>& fds) {
   std::vector<char*> argv;
@@ -62,8 +65,10 @@ inline pid_t spawn(std::vector<std::string> args, const std::vector<int>& fds) {
   argv.push_back(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
-    for (int i = 0; i < 3; i++)
+    for (int i = 0; i < 3; i++) {
       if (fds[i] >= 0) dup2(fds[i], i);
+      if (fds[i] == kClosedFd) close(i);
+    }
     execv(argv[0], argv.data());
     _exit(127);
   }
