@@ -1,13 +1,16 @@
 // Listening sockets and the acceptance of connections on them.
 #include "ccm/listen.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "ccm/address.h"
 #include "ccm/connect.h"
@@ -20,6 +23,7 @@
 namespace {
 
 constexpr char kListenName[] = "*LISTEN";
+constexpr long kShortagePauseNs = 50 * 1000 * 1000;
 
 void trace_channel_exit(const char* fn, const char* what, const ccm_channel_t* ch) {
   if (!trc_level()) return;
@@ -44,6 +48,41 @@ void discard_unannounced(ccm_context_t* ccm, ccm_channel_t* ch) {
   ch->type = CCM_CHTYPE_SILENT;
   ccm_error_t own{};
   ccm_channel_destroy(ccm, ch, &own);
+}
+
+// A descriptor held in reserve for accepting: with none left to the process (EMFILE) or the
+// system (ENFILE), the waiting connection cannot be accepted and stays ready, so the network
+// thread would be woken for it again and again. The reserve is given up for a moment to take
+// that connection and close it at once (its client sees the close and may try again later),
+// then taken again. Opened with the first listening socket, kept for the life of the process.
+std::atomic<int> spare_descriptor{-1};
+
+void reserve_spare_descriptor() {
+  if (spare_descriptor.load() >= 0) return;
+  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  int none = -1;
+  if (fd >= 0 && !spare_descriptor.compare_exchange_strong(none, fd)) close(fd);
+}
+
+// After accept failed for want of descriptors or memory: turns the waiting connection away
+// through the reserve. When that is not possible either, the network thread pauses briefly,
+// so that a listener that stays ready costs little until descriptors are free again.
+void turn_away_after_shortage(int listener) {
+  const int spare = spare_descriptor.exchange(-1);
+  bool turned_away = false;
+  if (spare >= 0) {
+    close(spare);
+    const int s = accept(listener, nullptr, nullptr);
+    if (s >= 0) {
+      close(s);
+      turned_away = true;
+    }
+    reserve_spare_descriptor();
+  }
+  if (!turned_away) {
+    timespec pause{0, kShortagePauseNs};
+    nanosleep(&pause, nullptr);
+  }
 }
 
 }  // namespace
@@ -141,6 +180,7 @@ int ccm_create_listen(ccm_context_t* ccm, const char* pbind_addr, int port, int 
 
   ccm_channel_t* ch = nullptr;
   if (ccm_channel_new_entry(ccm, &ch, ccmerr) != 0) return fail("channel entry create error");
+  reserve_spare_descriptor();
   ch->s = s;
   ch->type = CCM_CHTYPE_LISTEN;
   ccm_copy_text(ch->name, sizeof ch->name, kListenName);
@@ -160,6 +200,9 @@ int ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* 
   QX_TRACE("%s:         accept(...) <--", __func__);
   if (s < 0) {
     ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "accept(...,FIONBIO)|%d-%s", err, std::strerror(err));
+    if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) {
+      turn_away_after_shortage(ccmch->s);
+    }
     QX_TRACE("%s <-- (accept error)", __func__);
     return -1;
   }
