@@ -4,6 +4,7 @@
 // object per line, answers, and serves until it is stopped.
 //
 //   qx_agentsim [--addr ADDRESS] [--port PORT] [--json] [--count N] [--mode MODE]
+//               [--idle SECONDS]
 //
 //   --addr   address to listen on (default 127.0.0.1)
 //   --port   port to listen on (default 2217; 0 lets the system choose one)
@@ -12,12 +13,21 @@
 //   --mode   normal (default), or a misbehaviour for testing job scripts:
 //            silent (never greets), wrong-greeting (greets under another key),
 //            no-reply (never answers a job message), close (closes each connection at once)
+//   --idle   close a connection that sent nothing for this many seconds (default 660;
+//            0: never)
 //   --help   the usage with every flag (also -h); exit status 0
 //
 // The first line on standard output is "listening on ADDRESS port PORT" with the port
 // actually used, so that a script can start the simulator on port 0 and read its port.
 // Nothing is written to standard error; the exit status is 0, or 2 for a wrong command line
 // or a port that cannot be listened on (the reason is printed on standard output).
+//
+// No client and no reader of its output can stop it serving the others: a client that does
+// not read its answers is dropped once kSendQueueMax of them wait for it; a connection that
+// says nothing for --idle seconds is closed; its output goes through a writer thread with a
+// bounded buffer (lines that do not fit while standard output is stalled are dropped), and
+// once it is asked to stop it ends within kStopGraceSecs whatever still blocks.
+#include <errno.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -25,17 +35,25 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <unordered_map>
 
 #include "ccm/ccm.h"
+#include "ccm/ipc.h"
 #include "ccm/listen.h"
 #include "ccm/net_thread.h"
 #include "ccm/receive.h"
 #include "ccm/send.h"
 #include "ccm/wire.h"
+#include "common/standard_fds.h"
 
 namespace {
 
@@ -47,12 +65,107 @@ struct Options {
   bool json = false;
   long count = 0;  // 0: no limit
   Mode mode = Mode::kNormal;
-  bool help = false;  // --help or -h: print the usage with every flag and exit
+  long idle_secs = 660;  // 0: never; longer than any wait of a messenger (TIMEOUT <= 600)
+  bool help = false;     // --help or -h: print the usage with every flag and exit
 };
 
+// Once a stop begins, the process ends within this many seconds whatever still blocks (a
+// stalled standard output, a close, the network thread): the alarm's handler ends it with
+// the status of the run.
+constexpr unsigned kStopGraceSecs = 1;
+// Answers that may wait for one client before it counts as not reading and is dropped.
+constexpr int kSendQueueMax = 1000;
+// Output that may wait for a stalled standard output; further lines are dropped.
+constexpr size_t kOutputMax = 1 << 20;
+
 volatile sig_atomic_t g_stop = 0;
+volatile sig_atomic_t g_exit_status = 0;
+
+void on_grace_over(int) {
+  _exit(g_exit_status);
+}
+
+// Starts the stop's grace time (once); safe in a signal handler.
+void begin_stop() {
+  static volatile sig_atomic_t armed = 0;
+  if (armed) return;
+  armed = 1;
+  alarm(kStopGraceSecs);
+}
+
 void on_stop(int) {
   g_stop = 1;
+  begin_stop();
+}
+
+// Standard output through a thread of its own: lines are queued without ever blocking the
+// caller (up to kOutputMax bytes wait; lines beyond are dropped), and the thread writes them.
+// A standard output that fails (a reader that is gone) takes no more lines.
+class Output {
+ public:
+  void start() {
+    thread_ = std::thread([this] { run(); });
+  }
+  void line(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (broken_ || pending_.size() + text.size() + 1 > kOutputMax) return;
+    pending_.append(text).append("\n");
+    ready_.notify_one();
+  }
+  // Lets the thread write what waits, for at most `ms` milliseconds. True when everything
+  // was written (the thread has ended); false when standard output is still stalled.
+  bool finish(long ms) {
+    std::unique_lock<std::mutex> lock(mu_);
+    done_ = true;
+    ready_.notify_one();
+    if (!drained_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return ended_; }))
+      return false;
+    lock.unlock();
+    thread_.join();
+    return true;
+  }
+
+ private:
+  void run() {
+    std::unique_lock<std::mutex> lock(mu_);
+    for (;;) {
+      ready_.wait(lock, [this] { return !pending_.empty() || done_; });
+      if (pending_.empty()) break;
+      std::string text;
+      text.swap(pending_);
+      lock.unlock();
+      for (size_t at = 0; at < text.size();) {
+        const ssize_t n = write(STDOUT_FILENO, text.data() + at, text.size() - at);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+          std::lock_guard<std::mutex> relock(mu_);
+          broken_ = true;
+          pending_.clear();
+          break;
+        }
+        at += static_cast<size_t>(n);
+      }
+      lock.lock();
+    }
+    ended_ = true;
+    drained_.notify_all();
+  }
+
+  std::mutex mu_;
+  std::condition_variable ready_;
+  std::condition_variable drained_;
+  std::string pending_;
+  bool broken_ = false;
+  bool done_ = false;
+  bool ended_ = false;
+  std::thread thread_;
+};
+Output g_out;
+
+long long now_ms() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 constexpr int kListenBacklog = 4096;
@@ -73,12 +186,22 @@ bool parse(int argc, char** argv, Options* o) {
       const char* v = value();
       if (v == nullptr) return false;
       o->addr = v;
-    } else if (a == "--port" || a == "--count") {
+    } else if (a == "--port" || a == "--count" || a == "--idle") {
       const char* v = value();
       char* end = nullptr;
-      long n = v != nullptr ? strtol(v, &end, 10) : -1;
-      if (v == nullptr || *end != 0 || n < 0 || (a == "--port" && n > 65535)) return false;
-      (a == "--port" ? o->port = static_cast<int>(n) : o->count = n);
+      errno = 0;
+      long n = v != nullptr && *v != 0 ? strtol(v, &end, 10) : -1;
+      if (v == nullptr || *v == 0 || *end != 0 || errno != 0 || n < 0 ||
+          (a == "--port" && n > 65535) || (a == "--idle" && n > 86400 * 365)) {
+        return false;
+      }
+      if (a == "--port") {
+        o->port = static_cast<int>(n);
+      } else if (a == "--count") {
+        o->count = n;
+      } else {
+        o->idle_secs = n;
+      }
     } else if (a == "--mode") {
       const char* v = value();
       std::string_view m = v != nullptr ? v : "";
@@ -159,7 +282,7 @@ class Event {
   Event(bool json) : json_(json) {}
   void num(const char* key, long long v) { add(key, std::to_string(v), false); }
   void str(const char* key, const std::string& v) { add(key, v, true); }
-  void print() { printf(json_ ? "{%s}\n" : "%s\n", out_.c_str()); }
+  void print() { g_out.line(json_ ? "{" + out_ + "}" : out_); }
 
  private:
   void add(const char* key, const std::string& v, bool quoted) {
@@ -244,35 +367,129 @@ bool print_event(const Options& o, int channel, const Body& b) {
   return true;
 }
 
+// The connections being served: when each was last heard from (accepted, or a message read).
+class Clients {
+ public:
+  Clients(ccm_context_t* ccm, const Options& o) : ccm_(ccm), o_(o) {}
+
+  void accepted(int id) { last_heard_[id] = now_ms(); }
+  // A message came from `id` (a client already dropped stays dropped).
+  void heard(int id) {
+    if (auto it = last_heard_.find(id); it != last_heard_.end()) it->second = now_ms();
+  }
+  void gone(int id) { last_heard_.erase(id); }
+
+  // Sends a native message with `text` under `key` to client `id`, unless the client does not
+  // read: with kSendQueueMax answers waiting for it, it is dropped instead.
+  void send(int id, int key, const char* text) {
+    if (queued_for(id) >= kSendQueueMax) {
+      drop(id, "not reading");
+      return;
+    }
+    send_native(ccm_, id, key, text);
+  }
+
+  // Closes the connections that said nothing for the idle time; looks at most every 200 ms.
+  void close_idle() {
+    const long long now = now_ms();
+    if (o_.idle_secs <= 0 || now - last_sweep_ < 200) return;
+    last_sweep_ = now;
+    for (auto it = last_heard_.begin(); it != last_heard_.end();) {
+      const int id = it->first;
+      ++it;  // drop() removes the entry
+      if (now - last_heard_[id] >= o_.idle_secs * 1000) drop(id, "idle");
+    }
+  }
+
+  // Closes client `id` at once (whatever waits for it is given up) and says so.
+  void drop(int id, const char* why) {
+    if (ccm_channel_t* ch = ccm_channel_getbyID(ccm_, id)) {
+      // Its close must not wait for the client to take what is still unsent.
+      linger lg{};
+      setsockopt(ch->s, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+      ccm_channel_unlock(ccm_);
+    }
+    ccm_channel_deletebyID(ccm_, id);
+    ccm_wakeup_network(ccm_);
+    gone(id);
+    Event e(o_.json);
+    e.str("event", "closed");
+    e.str("reason", why);
+    e.num("channel", id);
+    e.print();
+  }
+
+ private:
+  // Messages waiting in the channel's own send queue.
+  int queued_for(int id) {
+    ccm_channel_t* ch = ccm_channel_getbyID(ccm_, id);
+    if (ch == nullptr) return 0;
+    int n = 0;
+    pthread_spin_lock(&ch->queue_lock);
+    for (ccm_msg_t* m = ch->sendq.head; m != nullptr && n < kSendQueueMax; m = m->nxt)
+      n++;
+    pthread_spin_unlock(&ch->queue_lock);
+    ccm_channel_unlock(ccm_);
+    return n;
+  }
+
+  ccm_context_t* ccm_;
+  const Options& o_;
+  std::unordered_map<int, long long> last_heard_;
+  long long last_sweep_ = 0;
+};
+
+// The channel of an internal notice "CHANNEL_ACCEPT" or "CHANNEL_CLOSE", or -1 for others.
+int notice_channel(const ccm_msg_t* m, bool* accepted) {
+  const char* type = reinterpret_cast<const char*>(m->msg_start);
+  int id = -1;
+  if (m->len >= 20 && strncmp(type, IPCMSG_CHANNEL_ACCEPT, CCM_IPC_TYPE_SIZE) == 0) {
+    memcpy(&id, m->msg_start + 16, sizeof id);
+    *accepted = true;
+  } else if (m->len >= static_cast<int>(sizeof(ipcmsg_channel_close_t)) &&
+             strncmp(type, IPCMSG_CHANNEL_CLOSE, CCM_IPC_TYPE_SIZE) == 0) {
+    memcpy(&id,
+           m->msg_start + offsetof(ipcmsg_channel_close_t, ccmch) + offsetof(ccm_channel_t, ID),
+           sizeof id);
+    *accepted = false;
+  }
+  return id;
+}
+
 // Handles one received message; returns true when it was an event.
-bool handle(ccm_context_t* ccm, const Options& o, ccm_msg_t* m) {
+bool handle(ccm_context_t* ccm, const Options& o, Clients& clients, ccm_msg_t* m) {
   if (m->type == CCM_MSG_IPC) {
-    if (m->len >= 20 && strncmp(reinterpret_cast<char*>(m->msg_start), "CHANNEL_ACCEPT", 16) == 0) {
-      int id;
-      memcpy(&id, m->msg_start + 16, sizeof id);
-      switch (o.mode) {
-        case Mode::kClose:
-          ccm_channel_deletebyID(ccm, id);
-          ccm_wakeup_network(ccm);
-          break;
-        case Mode::kSilent:
-          break;
-        case Mode::kWrongGreeting:
-          send_native(ccm, id, kWrongKey, "QX7 agent simulator");
-          break;
-        default:
-          send_native(ccm, id, kGreetingKey, "QX7 agent simulator");
-          break;
-      }
+    bool accepted = false;
+    const int id = notice_channel(m, &accepted);
+    if (id < 0) return false;
+    if (!accepted) {
+      clients.gone(id);
+      return false;
+    }
+    clients.accepted(id);
+    switch (o.mode) {
+      case Mode::kClose:
+        ccm_channel_deletebyID(ccm, id);
+        ccm_wakeup_network(ccm);
+        break;
+      case Mode::kSilent:
+        break;
+      case Mode::kWrongGreeting:
+        clients.send(id, kWrongKey, "QX7 agent simulator");
+        break;
+      default:
+        clients.send(id, kGreetingKey, "QX7 agent simulator");
+        break;
     }
     return false;
   }
   int channel = m->addr.src_ID;
+  clients.heard(channel);
   if (m->type != CCM_MSG_NAT ||
       !print_event(o, channel, Body{m->msg_start, static_cast<size_t>(m->len)})) {
     return false;
   }
-  if (o.mode != Mode::kNoReply) send_native(ccm, channel, kGreetingKey, "OK");
+  if (o.mode != Mode::kNoReply) clients.send(channel, kGreetingKey, "OK");
   return true;
 }
 
@@ -293,7 +510,7 @@ int listening_port(ccm_context_t* ccm) {
 
 constexpr char kUsage[] =
     "usage: qx_agentsim [--addr ADDRESS] [--port PORT] [--json] [--count N] "
-    "[--mode normal|silent|wrong-greeting|no-reply|close]\n";
+    "[--mode normal|silent|wrong-greeting|no-reply|close] [--idle SECONDS]\n";
 
 constexpr char kHelp[] =
     "\n"
@@ -307,6 +524,8 @@ constexpr char kHelp[] =
     "  --count N       exit after N events (default: until SIGTERM or SIGINT)\n"
     "  --mode MODE     normal (default), silent (never greets), wrong-greeting,\n"
     "                  no-reply (never answers), close (closes each connection)\n"
+    "  --idle SECONDS  close a connection that sent nothing for this long\n"
+    "                  (default 660; 0: never)\n"
     "  --help, -h      this help\n"
     "\n"
     "Exit status: 0, or 2 for a wrong command line or a port it cannot use.\n"
@@ -315,6 +534,9 @@ constexpr char kHelp[] =
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Descriptors 0-2 open before anything else is, so that no pipe or socket takes their place.
+  ensure_standard_descriptors();
+  signal(SIGPIPE, SIG_IGN);
   setvbuf(stdout, nullptr, _IOLBF, 0);
   Options o;
   if (!parse(argc, argv, &o)) {
@@ -337,7 +559,10 @@ int main(int argc, char** argv) {
   sigemptyset(&sa.sa_mask);
   sigaction(SIGTERM, &sa, nullptr);
   sigaction(SIGINT, &sa, nullptr);
-  // The network thread never sees the stop signals: they interrupt the main thread's wait.
+  sa.sa_handler = on_grace_over;
+  sigaction(SIGALRM, &sa, nullptr);
+  // The network and output threads never see the stop signals: they interrupt the main
+  // thread's wait.
   sigset_t stops;
   sigemptyset(&stops);
   sigaddset(&stops, SIGTERM);
@@ -357,34 +582,50 @@ int main(int argc, char** argv) {
     ccm_close(ccm, &err);
     return 2;
   }
-  pthread_sigmask(SIG_UNBLOCK, &stops, nullptr);
-
-  int status = 0;
   if (ccm_create_listen(ccm, o.addr.c_str(), o.port, kListenBacklog, &err) != 0) {
     printf("cannot listen on %s port %d: %s\n", o.addr.c_str(), o.port, err.msginsert);
-    status = 2;
+    g_exit_status = 2;
   } else {
+    fflush(stdout);
+    g_out.start();
+  }
+  pthread_sigmask(SIG_UNBLOCK, &stops, nullptr);
+
+  if (g_exit_status == 0) {
     ccm_wakeup_network(ccm);
-    printf("listening on %s port %d\n", o.addr.c_str(), listening_port(ccm));
+    g_out.line("listening on " + o.addr + " port " + std::to_string(listening_port(ccm)));
+    Clients clients(ccm, o);
     long events = 0;
     while (!g_stop && (o.count == 0 || events < o.count)) {
       ccm_msg_t* m = nullptr;
-      if (ccm_receive_message(ccm, 1, &m, &err) <= 0 || m == nullptr) continue;
-      if (handle(ccm, o, m)) events++;
-      ccm_msg_free(ccm, m);
+      if (ccm_receive_message(ccm, 1, &m, &err) > 0 && m != nullptr) {
+        if (handle(ccm, o, clients, m)) events++;
+        ccm_msg_free(ccm, m);
+      }
+      clients.close_idle();
     }
   }
 
+  // From here on the process ends within the grace time, whatever blocks.
+  begin_stop();
   // Answers still queued get a moment to reach the wire before the connections close.
-  for (int i = 0; i < 2000 && !ccm_is_all_sendq_empty(ccm); i++) {
+  for (int i = 0; i < 300 && !ccm_is_all_sendq_empty(ccm); i++) {
     usleep(1000);
   }
   ccm_thread_stop(ccm);
   pthread_join(ccm->thread, nullptr);
   ccm_channel_lock(ccm);
   ccm_channel_merge_newq(ccm);
+  // No close may wait for a client to take what is still unsent.
+  for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
+    linger lg{};
+    setsockopt(ch->s, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+  }
   ccm_channel_unlock(ccm);
   ccm_channel_closeall(ccm);
   ccm_close(ccm, &err);
-  return status;
+  // A standard output that stays stalled gets the rest of the grace time; the alarm ends the
+  // process then, or at the latest here (its writer may never return).
+  if (g_exit_status == 0 && !g_out.finish(kStopGraceSecs * 1000)) _exit(g_exit_status);
+  return g_exit_status;
 }

@@ -2,6 +2,9 @@
 // it prints, its own exit after --count events, wrong command lines and its help; and whole
 // messenger runs against it under valgrind (skipped in sanitizer builds and where it is missing).
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <fstream>
 
 #include "support/agent.h"
 
@@ -57,6 +60,131 @@ TEST(AgentSimulator, ExitsAfterCountEvents) {
   EXPECT_NE(sim.lines()[2].find("file='/tmp/job.out'"), std::string::npos) << sim.lines()[2];
 }
 
+// ---- Whatever one client or the reader of its output does, the simulator serves others ----
+
+// A messenger run against `port` that delivers its event at once.
+void expect_served(int port) {
+  const RunResult run =
+      run_messenger(port, {"TYP=E", "JNR=5", "RET=4", "RETRY=1", "TIMEOUT=5", "TRC=1"});
+  EXPECT_EQ(run.status, 4);
+  EXPECT_NE(run.out.find("ended normally"), std::string::npos);
+  EXPECT_LT(run.secs, 4.0);
+}
+
+// A job message frame as the messenger sends it.
+Bytes meld_frame(int job) {
+  return nat_frame("JPAKTJ_R", meld_body(276, 0, job, 'R', 57));
+}
+
+// A loopback client of `port` with a small receive buffer; -1 on failure.
+int small_window_client(int port) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), small = 4096;
+  setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  sockaddr_in a{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+  if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+bool has_line(const std::vector<std::string>& lines, const std::string& part) {
+  for (const std::string& l : lines)
+    if (l.find(part) != std::string::npos) return true;
+  return false;
+}
+
+// A client that sends job messages and never reads the answers is dropped once its queue of
+// answers passes the bound; one that says nothing is closed after --idle seconds.
+TEST(AgentSimulator, DropsClientsThatDoNotReadOrSayNothing) {
+  Simulator sim({"--idle", "1"});
+  const int flood = small_window_client(sim.port());
+  ASSERT_GE(flood, 0);
+  const long long start = now_ms();
+  int sent = 0;
+  while (now_ms() - start < 20000 && write_all(flood, meld_frame(++sent))) {
+  }
+  EXPECT_LT(now_ms() - start, 20000) << sent << " job messages sent";
+  EXPECT_TRUE(sim.wait_lines(2, 5000));
+  EXPECT_TRUE(has_line(sim.lines(), "event='closed' reason='not reading'"));
+  close(flood);
+
+  int port = sim.port();
+  const int quiet = loopback_socket(&port, false);
+  ASSERT_GE(quiet, 0);
+  const long long connected = now_ms();
+  Bytes greeting;
+  EXPECT_TRUE(read_frame(quiet, &greeting));
+  EXPECT_TRUE(wait_eof(quiet, 5000));
+  EXPECT_GE(now_ms() - connected, 900);
+  EXPECT_LT(now_ms() - connected, 3000);
+  close(quiet);
+  EXPECT_TRUE(has_line(sim.lines(), "event='closed' reason='idle'"));
+  expect_served(sim.port());
+  EXPECT_EQ(sim.stop(), 0);
+}
+
+// With no descriptor left for accepting, the simulator turns waiting connections away instead
+// of spinning on its ready listener, and serves again once descriptors are free.
+TEST(AgentSimulator, DescriptorShortageDoesNotSpin) {
+  Simulator sim;
+  rlimit plenty{};
+  ASSERT_EQ(prlimit(sim.pid(), RLIMIT_NOFILE, nullptr, &plenty), 0);
+  const rlimit few{14, plenty.rlim_max};
+  ASSERT_EQ(prlimit(sim.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+  std::vector<int> clients;
+  for (int i = 0; i < 12; i++) {
+    int port = sim.port();
+    clients.push_back(loopback_socket(&port, false));
+  }
+  usleep(200 * 1000);
+  const auto cpu_ticks = [&] {
+    std::ifstream stat("/proc/" + std::to_string(sim.pid()) + "/stat");
+    std::string field;
+    long long ticks = 0;
+    for (int i = 1; i <= 15 && stat >> field; i++)
+      if (i >= 14) ticks += atoll(field.c_str());  // utime and stime
+    return ticks;
+  };
+  const long long before = cpu_ticks();
+  usleep(1000 * 1000);
+  EXPECT_LT(cpu_ticks() - before, sysconf(_SC_CLK_TCK) / 5);  // well under a fifth of a second
+  for (int fd : clients)
+    close(fd);
+  ASSERT_EQ(prlimit(sim.pid(), RLIMIT_NOFILE, &plenty, nullptr), 0);
+  usleep(200 * 1000);
+  expect_served(sim.port());
+  EXPECT_EQ(sim.stop(), 0);
+}
+
+// Standard output a pipe that nobody reads: the simulator keeps serving, and SIGTERM ends it
+// within 2 seconds.
+TEST(AgentSimulator, StalledOutputNeitherStopsServingNorTheStop) {
+  int out[2];
+  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+  Simulator sim({"--json"}, out);
+  close(out[1]);
+  // Far more lines than the pipe holds.
+  int port = sim.port();
+  const int flood = loopback_socket(&port, false);
+  ASSERT_GE(flood, 0);
+  for (int job = 1; job <= 2000; job++)
+    ASSERT_TRUE(write_all(flood, meld_frame(job)));
+  // And more frames than the connection manager's wake-up pipe has room for their bytes.
+  Bytes empty_frames;
+  for (int i = 0; i < 70000; i++) {
+    const Bytes f = frame("");
+    empty_frames.insert(empty_frames.end(), f.begin(), f.end());
+  }
+  ASSERT_TRUE(write_all(flood, empty_frames));
+  expect_served(sim.port());
+  const long long term = now_ms();
+  EXPECT_EQ(sim.stop(true, 5000), 0);
+  EXPECT_LT(now_ms() - term, 2000);
+  close(flood);
+  close(out[0]);
+}
+
 // A wrong command line prints the short usage and exits with 2; asking for help prints every
 // flag and exits with 0 without listening.
 TEST(AgentSimulator, CommandLinesThatDoNotServe) {
@@ -65,7 +193,7 @@ TEST(AgentSimulator, CommandLinesThatDoNotServe) {
     int status;
   } cases[] = {
       {{"--port", "70000"}, 2}, {{"--mode", "rude"}, 2}, {{"--count"}, 2}, {{"-v"}, 2},
-      {{"--help"}, 0},          {{"--json", "-h"}, 0},
+      {{"--idle", "-1"}, 2},    {{"--idle", ""}, 2},     {{"--help"}, 0},  {{"--json", "-h"}, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args[0]);
@@ -74,7 +202,8 @@ TEST(AgentSimulator, CommandLinesThatDoNotServe) {
     EXPECT_EQ(run.out.rfind("usage: qx_agentsim", 0), 0u) << run.out;
     EXPECT_EQ(run.out.find("listening on 127.0.0.1"), std::string::npos) << run.out;
     EXPECT_EQ(run.err, "");
-    for (const char* flag : {"--addr", "--port", "--json", "--count", "--mode", "--help"}) {
+    for (const char* flag :
+         {"--addr", "--port", "--json", "--count", "--mode", "--idle", "--help"}) {
       const bool listed = run.out.find(std::string("\n  ") + flag) != std::string::npos;
       EXPECT_TRUE(listed || c.status != 0) << flag;
     }

@@ -213,25 +213,38 @@ inline RunResult run_messenger(int port, std::vector<std::string> args, int limi
   return run_program(bin_path("qx_jpmd"), args, limit_secs);
 }
 
-// qx_agentsim on a free loopback port, its standard output in a file read back by lines.
+// qx_agentsim on a free loopback port, its standard output in a file read back by lines, or
+// in the pipe `out_pipe` (its writing end), which only the first line is read from.
 class Simulator {
  public:
-  explicit Simulator(std::vector<std::string> args = {}) : out_(qxtest::temp_file()) {
+  explicit Simulator(std::vector<std::string> args = {}, const int* out_pipe = nullptr)
+      : out_(out_pipe != nullptr ? -1 : qxtest::temp_file()) {
     args.insert(args.begin(), {bin_path("qx_agentsim"), "--port", "0"});
-    pid_ = qxtest::spawn(args, {-1, out_, -1});
+    pid_ = qxtest::spawn(args, {-1, out_pipe != nullptr ? out_pipe[1] : out_, -1});
     // The first line is "listening on ADDRESS port PORT".
-    const std::string first = wait_lines(1, 10000) ? lines()[0] : "";
+    std::string first;
+    if (out_pipe != nullptr) {
+      char c;
+      while (read(out_pipe[0], &c, 1) == 1 && c != '\n')
+        first += c;
+    } else if (wait_lines(1, 10000)) {
+      first = lines()[0];
+    }
     if (first.rfind("listening on ", 0) == 0) port_ = atoi(first.c_str() + first.rfind(' ') + 1);
     if (port_ <= 0) ADD_FAILURE() << "qx_agentsim did not name its port";
   }
   ~Simulator() {
-    stop();
-    close(out_);
+    if (stop() < 0 && pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (out_ >= 0) close(out_);
   }
   Simulator(const Simulator&) = delete;
   Simulator& operator=(const Simulator&) = delete;
 
   int port() const { return port_; }
+  pid_t pid() const { return pid_; }
   // Its exit status once it ended (after a SIGTERM with `term`) within `timeout_ms`, else -1.
   int stop(bool term = true, int timeout_ms = 10000) {
     if (pid_ > 0 && term) kill(pid_, SIGTERM);
