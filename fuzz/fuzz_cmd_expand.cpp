@@ -1,15 +1,19 @@
 // Drives commands of up to 8191 bytes through the password expansion of CMD: either the input
 // bytes as they are, or commands assembled from markers, digit runs of every length, real
-// scrambled passwords and random bytes. Checks that the result stays inside its area, is never
-// longer than the command, leaves a command without markers unchanged, and that every real
-// password comes out in clear, in order. The result area is exactly as large as the command
-// needs, so a write past it is caught.
+// scrambled passwords, shell syntax (quotes, here-documents, expansions, comments) and random
+// bytes. Checks that the result stays inside its area and is terminated, is never more than
+// twice as long as the command, leaves a command without markers unchanged, that a refused
+// command leaves a wiped area, and that every real password of bytes that need no quoting
+// comes out in clear, in order. The area is exactly ExpandedCmdSize bytes, so a write past it
+// is caught.
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -34,9 +38,15 @@ std::string Scrambled(const std::string& value, bool magic) {
 }
 
 void Check(const std::string& command, const std::vector<std::string>& clear_values) {
-  std::vector<char> result(command.size() + 1);
-  const size_t len = expandCmd(command, result.data());
-  if (len > command.size() || result[len] != '\0') abort();
+  std::vector<char> result(ExpandedCmdSize(command.size()));
+  size_t len = 0;
+  if (expandCmd(command, result.data(), result.size(), &len) != 0) {
+    if (!HasMarker(command)) abort();
+    for (char c : result)
+      if (c != '\0') abort();
+    return;
+  }
+  if (len > 2 * command.size() || result[len] != '\0') abort();
   const std::string out(result.data(), len);
   if (!HasMarker(command) && out != command) abort();
   size_t from = 0;
@@ -69,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<std::string> clear_values;
   while (in.remaining_bytes() > 0 && command.size() < kCommandMax) {
     std::string piece;
-    switch (in.ConsumeIntegralInRange(0, 4)) {
+    switch (in.ConsumeIntegralInRange(0, 5)) {
       case 0:
         piece = in.ConsumeBool() ? "--10"
                                  : "\xAD\xAD"
@@ -85,13 +95,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         piece = in.ConsumeRandomLengthString(64);
         break;
       case 3: {
-        // A real password of printable characters; it must come out in clear.
+        // A real password of any bytes; one that needs no quoting must come out in clear.
         std::string value = in.ConsumeRandomLengthString(119);
         for (char& c : value)
-          c = static_cast<char>(' ' + static_cast<unsigned char>(c) % 95);
+          if (c == '\0') c = '\n';
+        bool inert = true;
+        for (char c : value)
+          inert = inert && (isalnum(static_cast<unsigned char>(c)) || strchr("_./:@+,-", c));
         // A blank ends its digits: a hexadecimal digit next to it would belong to the run.
         piece = Scrambled(value, in.ConsumeBool()) + " ";
-        if (command.size() + piece.size() <= kCommandMax) clear_values.push_back(value);
+        if (inert && command.size() + piece.size() <= kCommandMax) clear_values.push_back(value);
+        break;
+      }
+      case 4: {
+        // Shell syntax around the markers.
+        static constexpr const char* kSyntax[] = {
+            "'", "\"", "\\", "$", "$(", "$((", "${", ")", "))", "}", "`", "#", "\n",
+            "<<EOF\n", "<<'EOF'\n", "<<-E\n", "\nEOF\n", "\n\tE\n", "<<<", ";", "(", "\t"};
+        piece = kSyntax[in.ConsumeIntegralInRange<size_t>(0, std::size(kSyntax) - 1)];
         break;
       }
       default:

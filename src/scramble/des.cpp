@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include <string.h>  // explicit_bzero
+
 namespace {
 
 // Initial permutation IP.
@@ -225,6 +227,10 @@ void crypt_block(const char* inblock, char* outblock) {
   std::memcpy(work, &right, 4);
   std::memcpy(work + 4, &left, 4);
   permute(work, fperm, reinterpret_cast<uint8_t*>(outblock));
+  // The halves are the clear block under a fixed permutation.
+  explicit_bzero(work, sizeof work);
+  explicit_bzero(&left, sizeof left);
+  explicit_bzero(&right, sizeof right);
 }
 
 }  // namespace
@@ -241,6 +247,13 @@ void desinit(const char* key) {
     tables_built = true;
   }
   kinit(reinterpret_cast<const uint8_t*>(key));
+}
+
+void deswipe() {
+  explicit_bzero(kn, sizeof kn);
+  explicit_bzero(knx, sizeof knx);
+  explicit_bzero(pc1m, sizeof pc1m);
+  explicit_bzero(pcr, sizeof pcr);
 }
 
 void endes(const char* inblock, char* outblock) {

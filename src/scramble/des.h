@@ -9,12 +9,17 @@
 //
 // Ownership and threads: the tables are process-wide state of this module, empty until the
 // first `desinit`. There is no lock: one thread at a time sets a key and uses it. `endes`
-// and `dedes` only read the tables.
+// and `dedes` only read the tables, and wipe their work areas, which hold the clear block in
+// another order, before they return.
 #ifndef QX_SCRAMBLE_DES_H_
 #define QX_SCRAMBLE_DES_H_
 
 // Prepares all tables for the first 8 bytes of `key`.
 void desinit(const char* key);
+
+// Wipes the round keys and the key schedule's work areas; a key must be set again before
+// the next block.
+void deswipe();
 
 // Enciphers one 8-byte block. `inblock` and `outblock` may be the same area.
 void endes(const char* inblock, char* outblock);

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <string.h>  // explicit_bzero
+
 #include "scramble/des.h"
 
 namespace {
@@ -42,8 +44,10 @@ void ensure_key() {
   if (keyx[0] == '\0') initkey(nullptr);
 }
 
+// The key counts as no longer set; the key text and the round keys are wiped.
 void forget_key() {
-  keyx[0] = '\0';
+  explicit_bzero(keyx, sizeof keyx);
+  deswipe();
 }
 
 // One block as 16 upper-case digits, high half first; no terminator.
@@ -86,6 +90,7 @@ int enMaxim(char* dst, const char* src) {
     byte2hex(out, block);
     out += kBlockDigits;
     *out = '\0';
+    explicit_bzero(block, sizeof block);
   }
   return 0;
 }
@@ -107,6 +112,7 @@ int deMaxim(char* dst, const char* src) {
     char block[kBlock];
     hex2byte(block, src + kHeaderLen + i * kBlockDigits);
     dedes(block, dst + i * kBlock);
+    explicit_bzero(block, sizeof block);
   }
   return 0;
 }
@@ -124,6 +130,7 @@ int enMaximBin(char* dst, const char* src, int srclen) {
     for (int i = rest; i < kBlock; ++i)
       block[i] = garbage();
     endes(block, dst + written);
+    explicit_bzero(block, sizeof block);
     written += kBlock;
     dst[written++] = static_cast<char>(rest);
   }

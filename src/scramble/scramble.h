@@ -12,8 +12,10 @@
 // Keys: key texts of at most 11 characters; the DES key is the first 8 bytes of the key area.
 // A shorter key text is padded with zero bytes, so that a key always means the same DES key.
 // A null or empty key means the default key "tav\xE9rnok". The operations with the suffix 2
-// take their key from `keyString` and leave no key set behind them; those without the suffix
-// use the key in place, and the default key when none is set.
+// take their key from `keyString` and leave no key set behind them (the key text and the
+// round keys are wiped); those without the suffix use the key in place, and the default key
+// when none is set. Work blocks that held clear text are wiped before an operation returns;
+// the caller's areas are the caller's to wipe.
 //
 // Module state, process-wide: the key area, the DES tables (scramble/des.h) and the seed of
 // the C library's random generator, which is seeded every time a key is set. Nothing guards
