@@ -31,6 +31,10 @@ std::string Cased(std::string s, int (*to)(int)) {
   return s;
 }
 
+const std::string kRefused =
+    "qx_jpmd: a scrambled password in CMD cannot be quoted where it stands; the command was not "
+    "run\n";
+
 TEST(CmdExec, PasswordsAreReplacedInPlace) {
   const std::string one = Scrambled("s3cr3t-one"), d16 = "0123456789ABCDEF", d10 = "abcdef1234";
   const std::string two = Scrambled("second password of 24 ch", /*magic=*/true);
@@ -55,6 +59,13 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"printf '[%s]' " + Scrambled(longest), "[" + longest + "]", 0},
       {"printf '[%s]' " + too_long,
        "[" + Cased(too_long.substr(0, 255), toupper) + too_long.substr(255) + "]", 0},
+      // Where a clear text needs quoting but cannot be carried, nothing runs.
+      {"printf '[%s]' ${x:-" + Scrambled("a b") + "}", kRefused, 1},
+      {"printf '[%s]' `echo " + Scrambled("a'b") + "`", kRefused, 1},
+      {"printf '[%s]' $" + Scrambled("a b"), kRefused, 1},
+      {"cat <<E\n" + Scrambled("x\nE\ny") + "\nE\n", kRefused, 1},
+      {"cat <<-E\nx" + Scrambled("\n\ty") + "\nE\n", kRefused, 1},
+      {"printf '[%s]' ${x:-" + one + "}", "[s3cr3t-one]", 0},  // no quoting needed there
       {"false", "", 1},
       {"exit 7", "", 1},
       {"", "", 0},
@@ -69,6 +80,116 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
   }
   // Arguments after CMD are not looked at, and no report is printed.
   EXPECT_EQ(run_program(kMessenger, {"TYP=S", "cmd=printf done", "TRC=1"}).out, "done");
+}
+
+// Passwords with every character that means something to the shell, a run of 119 of them,
+// and every other byte, in each place where a marker can stand: the program run by the
+// command gets exactly the clear text, once, as one argument, and nothing else runs.
+TEST(CmdExec, ClearTextIsOneLiteralPieceOfItsWord) {
+  const std::string specials = " \t\n;&|<>()$`\"'\\*?[]#~=%";
+  std::vector<std::string> values = {"Pa$$w0rd;id"};
+  for (char c : specials)
+    values.push_back(std::string(1, c) + "pw" + c);  // at the start, inside and at the end
+  std::string run, printable, control, high1, high2;
+  for (size_t i = 0; i < 119; ++i)
+    run += specials[i % specials.size()];
+  for (int b = 1; b < 256; ++b) {
+    std::string& to = b < 0x20 || b == 0x7F ? control
+                      : b < 0x7F            ? printable
+                      : b < 0xC0            ? high1
+                                            : high2;
+    to += static_cast<char>(b);
+  }
+  for (const std::string& v : {run, printable, control, high1, high2})
+    values.push_back(v);
+  const std::string print = bin_path("qx_test_print_args");
+  const struct {
+    const char* where;
+    std::string before, after, prefix, suffix;  // command around the marker, output around it
+  } contexts[] = {
+      {"unquoted word", print + " ", "", "", ""},
+      {"unquoted in a word", print + " x", "y", "x", "y"},
+      {"double quotes", print + " \"x", "y\"", "x", "y"},
+      {"single quotes", print + " 'x", "y'", "x", "y"},
+      {"here-document, quoted delimiter", print + " \"$(cat <<'EOF'\nx", "y\nEOF\n)\"", "x", "y"},
+      {"here-document", print + " \"$(cat <<EOF\nx", "y\nEOF\n)\"", "x", "y"},
+      {"here-document <<-", print + " \"$(cat <<-EOF\n\tx", "y\n\tEOF\n)\"", "x", "y"},
+  };
+  for (const auto& c : contexts) {
+    for (const std::string& value : values) {
+      SCOPED_TRACE(std::string(c.where) + ": " + value);
+      const auto run = run_program(kMessenger, {"CMD=" + c.before + Scrambled(value) + c.after});
+      EXPECT_EQ(run.status, 0);
+      EXPECT_EQ(run.out, c.prefix + value + c.suffix + '\0');
+      EXPECT_EQ(run.err, "");
+    }
+  }
+}
+
+// While the command runs, its shell's command line and environment hold no clear text, no
+// program it runs holds the script's descriptor, standard input is the messenger's, and
+// SIGPIPE is at its default action although the messenger was started with it ignored.
+TEST(CmdExec, ShellShowsNoClearText) {
+  const std::string clear = "Kl4r-" + std::to_string(getpid());
+  const std::string command =
+      "echo $$; ls -l /proc/self/fd; grep SigIgn /proc/$$/status; read x; : " + Scrambled(clear);
+  int in[2], out[2];
+  ASSERT_EQ(pipe2(in, O_CLOEXEC), 0);
+  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+  const sighandler_t saved = signal(SIGPIPE, SIG_IGN);
+  const pid_t pid = qxtest::spawn({kMessenger, "CMD=" + command}, {in[0], out[1], -1});
+  signal(SIGPIPE, saved);
+  close(in[0]);
+  close(out[1]);
+  std::string seen;
+  while (seen.find("SigIgn:") == std::string::npos || seen.back() != '\n') {
+    pollfd p{out[0], POLLIN, 0};
+    char buf[4096];
+    const ssize_t n = poll(&p, 1, 10000) > 0 ? read(out[0], buf, sizeof buf) : 0;
+    if (n <= 0) break;
+    seen.append(buf, static_cast<size_t>(n));
+  }
+  const std::string shell = "/proc/" + seen.substr(0, seen.find('\n'));
+  const auto slurp = [](const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string text = fd >= 0 ? qxtest::read_all(fd) : "(unreadable)";
+    if (fd >= 0) close(fd);
+    return text;
+  };
+  const std::string cmdline = slurp(shell + "/cmdline"), environ_text = slurp(shell + "/environ");
+  EXPECT_EQ(write(in[1], "\n", 1), 1);
+  close(in[1]);
+  int status = 0;
+  ASSERT_TRUE(qxtest::reap(pid, qxtest::now_ms() + 10000, &status));
+  close(out[0]);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << seen;
+  EXPECT_EQ(cmdline.substr(0, 9), std::string("sh\0/proc/", 9)) << cmdline;
+  EXPECT_EQ(cmdline.find(clear), std::string::npos) << cmdline;
+  EXPECT_EQ(environ_text.find(clear), std::string::npos);
+  EXPECT_EQ(seen.find("memfd"), std::string::npos) << seen;
+  const size_t mask_at = seen.find("SigIgn:");
+  ASSERT_NE(mask_at, std::string::npos) << seen;
+  const unsigned long long ignored = std::stoull(seen.substr(mask_at + 7), nullptr, 16);
+  EXPECT_EQ(ignored & (1ULL << (SIGPIPE - 1)), 0u) << seen;
+}
+
+// Without /proc there is no name for the script's descriptor: the command goes to the shell's
+// command line as before, quoted all the same, and the trace says so.
+TEST(CmdExec, WithoutProcTheCommandLineCarriesIt) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "sanitizer run times need /proc";
+#else
+  const std::string value = "a b;c";
+  const auto run =
+      run_program("/usr/bin/unshare",
+                  {"-rm", "sh", "-c", "mount -t tmpfs none /proc && exec \"$0\" \"$@\"", kMessenger,
+                   "TRC=1", "CMD=" + bin_path("qx_test_print_args") + " " + Scrambled(value)});
+  if (run.status != 0 && run.out.empty()) GTEST_SKIP() << "no user namespace here: " << run.err;
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err, "");
+  EXPECT_NE(run.out.find("no descriptor path for the script"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find(value + '\0'), std::string::npos) << run.out;
+#endif
 }
 
 // The trace shows the command as written; the clear text reaches only the command (which
@@ -107,28 +228,55 @@ TEST(ScrambleTool, ScramblesStandardInputAndReadsItBack) {
 }
 
 TEST(ScrambleTool, RefusalsGoToStandardOutput) {
+  // One block with its terminator: no random padding, so a wrong key always reads the same.
+  const std::string seven = Scrambled("1234567"), other = Scrambled("abcdefg");
   const struct {
     std::vector<std::string> args;
     std::string input;
     int status;
+    std::string says;
   } cases[] = {
-      {{"secret-on-the-command-line"}, "", 2},
-      {{"-x"}, "", 2},
-      {{"-k"}, "", 2},
-      {{"-k", "twelve-chars"}, "pw\n", 2},
-      {{}, std::string(120, 'z') + "\n", 1},  // longer than the messenger reads
-      {{}, "", 1},
-      {{"-d"}, "PLAIN\n", 1},
-      {{"-h"}, "", 0},
-      {{"--help"}, "", 0},
-      {{"--version"}, "", 2},
+      {{"secret-on-the-command-line"}, "", 2, "qx_scramble"},
+      {{"-x"}, "", 2, "qx_scramble"},
+      {{"-k"}, "", 2, "qx_scramble"},
+      {{"-k", "twelve-chars"}, "pw\n", 2, "qx_scramble"},
+      {{"-k", ""}, "pw\n", 2, "1 to 11 characters"},
+      {{}, std::string(120, 'z') + "\n", 1, "120 characters"},  // longer than the messenger reads
+      {{}, std::string(10000, 'z') + "\n", 1, "at most 119"},
+      {{},
+       std::string("12\0"
+                   "34567\n",
+                   8),
+       1,
+       "NUL"},
+      {{}, "", 1, "qx_scramble"},
+      {{"-d"}, "PLAIN\n", 1, "qx_scramble"},
+      {{"-d"}, seven + other.substr(4) + "\n", 1, "does not unscramble"},  // terminator too early
+      {{"-d", "-k", "other"}, seven + "\n", 1, "does not unscramble"},
+      {{"-h"}, "", 0, "qx_scramble"},
+      {{"--help"}, "", 0, "qx_scramble"},
+      {{"--version"}, "", 2, "qx_scramble"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.args.empty() ? c.input : c.args[0]);
+    SCOPED_TRACE(c.args.empty() ? c.input.substr(0, 20) : c.args[0]);
     const auto run = run_program(kTool, c.args, 30, c.input);
     EXPECT_EQ(run.status, c.status);
     EXPECT_EQ(run.err, "");
-    EXPECT_NE(run.out.find("qx_scramble"), std::string::npos);
+    EXPECT_NE(run.out.find(c.says), std::string::npos) << run.out;
+    EXPECT_EQ(run.out.find("1234567"), std::string::npos) << run.out;
+  }
+  // A write that fails (a full disk) is a failure, in both directions.
+  for (const auto& [args, input] :
+       {std::pair<std::vector<std::string>, std::string>{{}, "pw\n"}, {{"-d"}, seven + "\n"}}) {
+    const int in = qxtest::temp_file(input), full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    std::vector<std::string> argv = {kTool};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const pid_t pid = qxtest::spawn(argv, {in, full, full});
+    int status = 0;
+    ASSERT_TRUE(qxtest::reap(pid, qxtest::now_ms() + 10000, &status));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    close(in);
+    close(full);
   }
 }
 
