@@ -23,8 +23,12 @@
 // where it needs quoting inside ${ }, $(( )) or `...` (write $( ) instead) or right behind an
 // unquoted $; a newline in a comment or right behind an unquoted backslash; a marker in a
 // here-document's delimiter word; a body in which the clear text would make a line that is
-// the delimiter, or (with <<-) put a tab where the shell strips it. The scanner does not know
-// the `case` pattern's lone ")" inside $( ), nor here-documents opened inside a body.
+// the delimiter, or (with <<-) put a tab where the shell strips it.
+// Where shells part ways the scanner stops trusting its place, and from there on carries only
+// clear texts that need no quoting: after the word `case` inside $( ) (a pattern's lone ")"
+// would look like the end), after $' (a quote with escapes in some shells), after a ' inside
+// ${ } within "..." or a body (a quote or a plain byte, by shell and operator), and after a
+// here-document opened inside a body.
 //
 // Delivery. The shell reads the expanded command as its script from an anonymous memory file
 // (sealed against changes), named to it as /proc/<messenger>/fd/<n>: the descriptor stays
@@ -198,17 +202,23 @@ class Expander {
       case Kind::kArith:
         break;
     }
+    if (c == '\'' && kind == Kind::kParam && InsideQuotes()) {
+      lost_ = true;
+      return Copy(1);
+    }
     if (c == '\'' || c == '"') {
       Push(c == '\'' ? Kind::kSingle : Kind::kDouble);
       return Copy(1);
     }
     if (command_frame()) {
+      if (kind == Kind::kCmdSub && IsWord("case")) lost_ = true;
       if (c == '#' && WordStart()) {
         Push(Kind::kComment);
         return Copy(1);
       }
       if (c == '<' && Next('<')) {
         if (i_ + 2 < cmd_.size() && cmd_[i_ + 2] == '<') return Copy(3);  // a here-string
+        if (in_body()) lost_ = true;
         return HereDocOperator();
       }
     }
@@ -257,6 +267,7 @@ class Expander {
       stack_.push_back({Kind::kParam, true, 0});
       return Copy(2);
     }
+    if (Next('\'') && top().kind != Kind::kDouble && top().kind != Kind::kBody) lost_ = true;
     dollar_ = true;
     return Copy(1);
   }
@@ -270,6 +281,20 @@ class Expander {
   }
 
   bool WordStart() const { return i_ == 0 || strchr(" \t\n;&|()<>", cmd_[i_ - 1]) != nullptr; }
+
+  // The word `word` stands here, alone.
+  bool IsWord(std::string_view word) const {
+    const size_t end = i_ + word.size();
+    return WordStart() && cmd_.substr(i_, word.size()) == word &&
+           (end == cmd_.size() || strchr(" \t\n;&|()<>", cmd_[end]) != nullptr);
+  }
+
+  // Some frame under the top one is "..." or a here-document body.
+  bool InsideQuotes() const {
+    for (size_t k = 0; k + 1 < stack_.size(); ++k)
+      if (stack_[k].kind == Kind::kDouble || stack_[k].kind == Kind::kBody) return true;
+    return false;
+  }
 
   // A newline ends a comment and a body's line; an unquoted one in a command starts the
   // bodies of the here-documents opened on its line.
@@ -386,7 +411,7 @@ class Expander {
   bool Insert(std::string_view text, bool after_backslash) {
     if (text.empty()) return true;
     const Frame& f = top();
-    if (f.opaque) return all_inert(text) && Put(text);
+    if (f.opaque || lost_) return all_inert(text) && Put(text);
     switch (f.kind) {
       case Kind::kScript:
       case Kind::kCmdSub:
@@ -457,6 +482,7 @@ class Expander {
   bool line_inserted_ = false;   // a clear text went into the current body line
   bool dollar_ = false;          // the last byte was an unquoted $ of no expansion
   bool after_dollar_ = false;
+  bool lost_ = false;  // the scanner no longer trusts its place
   char password_[kPasswordArea];
   char clear_[kPasswordArea];
 };

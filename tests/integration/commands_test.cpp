@@ -65,6 +65,9 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"printf '[%s]' $" + Scrambled("a b"), kRefused, 1},
       {"cat <<E\n" + Scrambled("x\nE\ny") + "\nE\n", kRefused, 1},
       {"cat <<-E\nx" + Scrambled("\n\ty") + "\nE\n", kRefused, 1},
+      // Where shells differ, the place is no longer trusted: no quoting from there on.
+      {"printf '[%s]' \"$(case x in x) echo " + Scrambled("a b") + ";; esac)\"", kRefused, 1},
+      {"printf '[%s]' \"${x:-'}\" " + Scrambled("a b"), kRefused, 1},
       {"printf '[%s]' ${x:-" + one + "}", "[s3cr3t-one]", 0},  // no quoting needed there
       {"false", "", 1},
       {"exit 7", "", 1},
