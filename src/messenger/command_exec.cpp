@@ -31,12 +31,12 @@
 // here-document opened inside a body.
 //
 // Delivery. The shell reads the expanded command as its script from an anonymous memory file
-// (sealed against changes), named to it as /proc/<messenger>/fd/<n>: the descriptor stays
-// close-on-exec, so neither the shell nor anything the command runs inherits it, and the
-// shell's command line and environment hold no clear text. Where there is no memory file or
-// /proc does not show it, the command goes to `sh -c` as its argument, and the trace says so.
-// Either way the shell starts with the default action for SIGPIPE (the messenger ignores it),
-// and, like system(), the messenger ignores SIGINT and SIGQUIT while it waits.
+// (its size sealed, wiped when the shell has ended), named to it as /proc/<messenger>/fd/<n>:
+// the descriptor stays close-on-exec, so neither the shell nor anything the command runs
+// inherits it, and the shell's command line and environment hold no clear text. Where there is no
+// memory file or /proc does not show it, the command goes to `sh -c` as its argument, and the trace
+// says so. Either way the shell starts with the default action for SIGPIPE (the messenger ignores
+// it), and, like system(), the messenger ignores SIGINT and SIGQUIT while it waits.
 #include "messenger/command_exec.h"
 
 #include <errno.h>
@@ -558,22 +558,31 @@ int RunShell(char* const argv[]) {
   return status;
 }
 
-// An anonymous memory file holding `script`, sealed, its offset at the start; -1 when the
-// system has none.
+// Writes `len` bytes of `data` (zeros when null) to `fd` from offset 0.
+bool WriteAt0(int fd, const char* data, size_t len) {
+  static constexpr char kZeros[512] = {};
+  size_t done = 0;
+  while (done < len) {
+    const size_t want = data != nullptr ? len - done : std::min(len - done, sizeof kZeros);
+    const ssize_t n = pwrite(fd, data != nullptr ? data + done : kZeros, want, done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// An anonymous memory file holding `script`, its size sealed; -1 when the system has none.
+// It is not sealed against writes, so that it can be wiped once the shell has read it.
 int ScriptFile(const char* script, size_t len) {
   const int fd = memfd_create("qx_jpmd-cmd", MFD_CLOEXEC | MFD_ALLOW_SEALING);
   if (fd < 0) return -1;
-  size_t done = 0;
-  while (done < len) {
-    const ssize_t n = write(fd, script + done, len - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      close(fd);
-      return -1;
-    }
-    done += static_cast<size_t>(n);
+  if (!WriteAt0(fd, script, len)) {
+    WriteAt0(fd, nullptr, len);
+    close(fd);
+    return -1;
   }
-  fcntl(fd, F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL);
+  fcntl(fd, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL);
   return fd;
 }
 
@@ -591,7 +600,11 @@ int RunScript(char* script, size_t len) {
   char sh[] = "sh";
   if (named) {
     char* argv[] = {sh, path, nullptr};
-    return RunShell(argv);
+    const int result = RunShell(argv);
+    const int err = errno;
+    WriteAt0(file.get(), nullptr, len);
+    errno = err;
+    return result;
   }
   QX_TRACE(
       "processCmd:      no descriptor path for the script: the command goes to the "
