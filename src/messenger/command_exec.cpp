@@ -27,8 +27,10 @@
 // Where shells part ways the scanner stops trusting its place, and from there on carries only
 // clear texts that need no quoting: after the word `case` inside $( ) (a pattern's lone ")"
 // would look like the end), after $' (a quote with escapes in some shells), after a ' inside
-// ${ } within "..." or a body (a quote or a plain byte, by shell and operator), and after a
-// here-document opened inside a body.
+// ${ } within "..." or a body (a quote or a plain byte, by shell and operator), after a
+// here-document opened inside a body, after a line of an unquoted body that ends in an
+// escaping backslash (the shell joins it to the next before it looks for the delimiter), and
+// after such a joined line elsewhere unless a blank stands on one side of the join.
 //
 // Delivery. The shell reads the expanded command as its script from an anonymous memory file
 // (its size sealed, wiped when the shell has ended), named to it as /proc/<messenger>/fd/<n>:
@@ -276,7 +278,15 @@ class Expander {
     if (!Copy(1)) return false;
     if (i_ == cmd_.size()) return true;
     if (is_marker(cmd_.substr(i_))) return Marker(true);
-    if (cmd_[i_] == '\n') return Newline(true);
+    if (cmd_[i_] == '\n') {
+      // The shell removes the pair before it reads the syntax: the bytes on either side meet.
+      // With a blank on one side nothing new can form; otherwise the place is not trusted.
+      const size_t bs = i_ - 1;
+      const bool blank_before = bs == 0 || strchr(" \t\n", cmd_[bs - 1]) != nullptr;
+      const bool blank_after = Next(' ') || Next('\t');
+      if (!blank_before && !blank_after) lost_ = true;
+      return Newline(true);
+    }
     return Copy(1);
   }
 
@@ -301,6 +311,9 @@ class Expander {
   bool Newline(bool escaped) {
     if (top().kind == Kind::kComment) stack_.pop_back();
     if (in_body()) {
+      // The shell joins a line that ends in an escaping backslash to the next one before it
+      // looks for the delimiter.
+      if (escaped && !pending_.front().quoted) lost_ = true;
       if (line_inserted_ && !BodyLinesFit()) return false;
       at_line_start_ = true;
       return Copy(1);
@@ -410,6 +423,7 @@ class Expander {
 
   bool Insert(std::string_view text, bool after_backslash) {
     if (text.empty()) return true;
+    if (in_body()) line_inserted_ = true;
     const Frame& f = top();
     if (f.opaque || lost_) return all_inert(text) && Put(text);
     switch (f.kind) {
@@ -441,7 +455,6 @@ class Expander {
 
   bool InsertInBody(std::string_view text, bool after_backslash) {
     const HereDoc& doc = pending_.front();
-    line_inserted_ = true;
     if (doc.strip_tabs) {
       if (text.find("\n\t") != std::string_view::npos) return false;
       size_t k = len_;

@@ -68,6 +68,10 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       // Where shells differ, the place is no longer trusted: no quoting from there on.
       {"printf '[%s]' \"$(case x in x) echo " + Scrambled("a b") + ";; esac)\"", kRefused, 1},
       {"printf '[%s]' \"${x:-'}\" " + Scrambled("a b"), kRefused, 1},
+      {"printf '[%s]' \"$\\\n(echo \"" + Scrambled("a\"b") + "\")\"", kRefused, 1},
+      {"cat <<E\nx\\\nE\n" + Scrambled("a;b") + "\nE\n", kRefused, 1},
+      {"cat <<E\n" + Scrambled("E") + "\nE\n", kRefused, 1},  // a text that ends the body
+      {"printf '[%s]' \\\n " + Scrambled("a b") + " \\\n" + Scrambled("c d"), "[a b][c d]", 0},
       {"printf '[%s]' ${x:-" + one + "}", "[s3cr3t-one]", 0},  // no quoting needed there
       {"false", "", 1},
       {"exit 7", "", 1},
