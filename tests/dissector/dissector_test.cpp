@@ -20,12 +20,20 @@ constexpr uint16_t kPort = 2217;  // the agent simulator's default, the dissecto
 #define REQUIRE_TSHARK() \
   if (const std::string why = tshark_unusable(); !why.empty()) GTEST_SKIP() << why
 
-// A capture file of this test process, removed at the end of the test.
+// A capture file of this test process, removed at the end of the test unless the environment
+// names a folder to keep the captures in (QX_KEEP_CAPTURES), for a look with Wireshark.
 struct PcapFile {
-  explicit PcapFile(const char* name)
-      : path("/tmp/qx_" + std::string(name) + "_" + std::to_string(getpid()) + ".pcap") {}
-  ~PcapFile() { unlink(path.c_str()); }
+  explicit PcapFile(const char* name) {
+    const char* keep = getenv("QX_KEEP_CAPTURES");
+    kept = keep != nullptr && *keep != 0;
+    path = (kept ? std::string(keep) + "/qx7_" : "/tmp/qx_" + std::to_string(getpid()) + "_") +
+           name + ".pcap";
+  }
+  ~PcapFile() {
+    if (!kept) unlink(path.c_str());
+  }
   std::string path;
+  bool kept;
 };
 
 // The text after "key": in a JSON line of the simulator (escapes \" \\ \u00XX undone).
@@ -67,9 +75,9 @@ const std::vector<std::string> kMeldFields = {
     "qx7.meld.login_check", "qx7.meld.var.name", "qx7.meld.var.value", "qx7.meld.var.type",
     "qx7.meld.md_version"};
 
-// One event per row, each run through a relay to the agent simulator; the capture holds one
-// connection per run, and tshark must show greeting, job message and reply with the values
-// the simulator received.
+// One event per row, each run through a relay to the agent simulator and to the fake agent;
+// the capture holds one connection per run, and tshark must show greeting, job message and
+// reply with the values the run used and the agent received.
 TEST(Dissector, EveryEventKindFromRealRuns) {
   REQUIRE_TSHARK();
   struct Case {
@@ -94,17 +102,23 @@ TEST(Dissector, EveryEventKindFromRealRuns) {
        "job 4716 variable ROWS=\"1234\" type=N"},
       {{"TYP=V", "JNR=4717"}, "variable", "job 4717 variable (none)"},
   };
+  // Each case runs against the simulator, then against the fake agent; the capture holds the
+  // simulator's connections first.
   Simulator sim({"--json"});
-  Relay relay(sim.port());
-  for (const Case& c : cases) {
-    std::vector<std::string> args = c.args;
-    args.push_back("TIMEOUT=5");
-    const RunResult run = run_messenger(relay.port(), args);
-    ASSERT_TRUE(run.exited) << c.info;
+  FakeAgent fake(good_agent);
+  std::vector<std::vector<Segment>> conns;
+  for (int agent_port : {sim.port(), fake.port()}) {
+    Relay relay(agent_port);
+    for (const Case& c : cases) {
+      std::vector<std::string> args = c.args;
+      args.push_back("TIMEOUT=5");
+      ASSERT_TRUE(run_messenger(relay.port(), args).exited) << c.info;
+    }
+    const auto got = relay.connections();
+    ASSERT_EQ(got.size(), std::size(cases));
+    conns.insert(conns.end(), got.begin(), got.end());
   }
   ASSERT_TRUE(sim.wait_lines(1 + std::size(cases), 5000));
-  const auto conns = relay.connections();
-  ASSERT_EQ(conns.size(), std::size(cases));
   Capture cap;
   for (size_t i = 0; i < conns.size(); i++)
     cap.replay(static_cast<uint16_t>(41000 + i), kPort, conns[i]);
@@ -113,13 +127,16 @@ TEST(Dissector, EveryEventKindFromRealRuns) {
 
   const auto rows = tshark_fields(pcap.path, kMeldFields);
   const auto lines = sim.lines();
-  for (size_t i = 0; i < std::size(cases); i++) {
-    const Case& c = cases[i];
-    SCOPED_TRACE(c.info);
+  const auto kept = fake.frames();
+  ASSERT_EQ(kept.size(), std::size(cases));
+  for (size_t i = 0; i < conns.size(); i++) {
+    const bool simulated = i < std::size(cases);
+    const Case& c = cases[i % std::size(cases)];
+    SCOPED_TRACE(std::string(simulated ? "simulator: " : "fake agent: ") + c.info);
     const auto s = of_stream(rows, static_cast<int>(i));
     ASSERT_EQ(s.size(), 3u) << infos(s);
     EXPECT_EQ(s[0].at("_ws.col.Info"), "greeting");
-    EXPECT_EQ(s[0].at("qx7.native.text"), "QX7 agent simulator");
+    EXPECT_EQ(s[0].at("qx7.native.text"), simulated ? "QX7 agent simulator" : "QX7 agent");
     EXPECT_EQ(s[2].at("_ws.col.Info"), "reply");
     EXPECT_EQ(s[2].at("qx7.native.text"), "OK");
     const Fields& m = s[1];
@@ -132,7 +149,24 @@ TEST(Dissector, EveryEventKindFromRealRuns) {
     for (const Segment& seg : conns[i])
       sent += seg.from_client ? seg.data.size() : 0;
     EXPECT_EQ(m.at("qx7.length"), std::to_string(sent));
-
+    if (std::string(c.kind) == "job status") {
+      // The messenger is this test's child.
+      EXPECT_EQ(m.at("qx7.meld.ppid"), std::to_string(getpid()));
+      EXPECT_EQ(m.at("qx7.meld.pgrp"), std::to_string(getpgrp()));
+    }
+    if (!simulated) {
+      // The fake agent kept the frame: the time and process ID it carries.
+      const Bytes& f = kept[i - std::size(cases)];
+      const size_t seconds_at = std::string(c.kind) == "job status" ? 124
+                                : c.kind[0] == 'o'                  ? 84
+                                                                    : 116;
+      EXPECT_EQ(m.at("qx7.meld.seconds"), std::to_string(get_le(f, 63 + seconds_at)));
+      if (std::string(c.kind) == "job status") {
+        EXPECT_EQ(m.at("qx7.meld.pid"), std::to_string(get_le(f, 63 + 128)));
+      }
+      continue;
+    }
+    // The simulator's own reading of the same message.
     const std::string& ev = lines[1 + i];
     EXPECT_EQ(m.at("qx7.meld.job"), std::to_string(json_number(ev, "job"))) << ev;
     EXPECT_EQ(m.at("qx7.meld.client"), std::to_string(json_number(ev, "client")));
@@ -143,9 +177,6 @@ TEST(Dissector, EveryEventKindFromRealRuns) {
       EXPECT_EQ(m.at("qx7.meld.rc"), std::to_string(json_number(ev, "rc")));
       EXPECT_EQ(m.at("qx7.meld.text"), json_text(ev, "text"));
       EXPECT_EQ(m.at("qx7.meld.pid"), std::to_string(json_number(ev, "pid")));
-      // The messenger is this test's child.
-      EXPECT_EQ(m.at("qx7.meld.ppid"), std::to_string(getpid()));
-      EXPECT_EQ(m.at("qx7.meld.pgrp"), std::to_string(getpgrp()));
     } else if (std::string(c.kind) == "output view") {
       EXPECT_EQ(m.at("qx7.meld.file"), json_text(ev, "file"));
       EXPECT_EQ(m.at("qx7.meld.login_check"), json_text(ev, "login_check"));

@@ -438,6 +438,7 @@ local function dissect_meld(tvb, tree, off, n)
   end
   if r.cut then
     t:add_proto_expert_info(e.truncated, "MELD record cut short: " .. n .. " bytes")
+    line = line .. " [truncated]"
   end
   local kind = status == "O" and "output view" or status == "V" and "variable" or "job status"
   return line, kind
@@ -602,7 +603,7 @@ local function dissect_ipc(tvb, tree, off, n)
       tree:add(f.data, tvb(off, n))
     end
     tree:add_proto_expert_info(e.truncated, "internal record without its 16-byte type")
-    return "IPC, " .. n .. " bytes", "IPC"
+    return "IPC, " .. n .. " bytes [truncated]", "IPC"
   end
   local type = cstring(tvb(off, 16):raw())
   tree:add(f.ipc_type, tvb(off, 16), type)
@@ -665,6 +666,7 @@ local function dissect_ipc(tvb, tree, off, n)
   end
   if r.cut then
     tree:add_proto_expert_info(e.truncated, type .. " record cut short: " .. n .. " bytes")
+    line = line .. " [truncated]"
   end
   return line, "IPC " .. type
 end
