@@ -99,6 +99,26 @@ for page in "$root"/usr/share/man/man1/*; do
   check "mandoc -Tlint $name" mandoc -Tlint -W warning "$page"
 done
 
+# The Wireshark dissector stands in tshark's system Lua plugin folder and loads there.
+dissector_loads() {
+  local lua
+  lua=$(find "$root/usr/lib" -path '*/wireshark/plugins/qx7.lua' | head -n 1)
+  [ -n "$lua" ] || { echo "no wireshark/plugins/qx7.lua in the package"; return 1; }
+  echo "$lua"
+  if ! command -v tshark > /dev/null; then
+    echo "tshark is not installed: not loaded"
+    return 0
+  fi
+  local folder
+  folder=$(HOME="$work" tshark -G folders 2>/dev/null | awk -F'\t' '/^Global Lua Plugins:/{print $2}')
+  [ "$root$folder/qx7.lua" = "$lua" ] || { echo "tshark's folder is $folder"; return 1; }
+  # Loaded from a user's plugin folder of a home of its own: tshark then lists the protocol.
+  mkdir -p "$work/home/.local/lib/wireshark/plugins"
+  cp "$lua" "$work/home/.local/lib/wireshark/plugins/"
+  HOME="$work/home" tshark -G protocols 2>&1 | grep -q "	qx7$"
+}
+check "the dissector lies in tshark's Lua plugin folder and loads" dissector_loads
+
 lintian_no_errors() {
   lintian --allow-root --display-info --show-overrides "$deb" > "$work/lintian" 2>&1
   cat "$work/lintian"

@@ -263,7 +263,7 @@ inline qxtest::RunResult run_tshark(std::vector<std::string> args) {
 inline std::string tshark_unusable() {
   if (tshark_path().empty()) return "tshark is not installed";
   const qxtest::RunResult run = run_tshark({"-G", "protocols"});
-  if (run.out.find("\tqx7\t") != std::string::npos)
+  if (run.out.find("\tqx7\n") != std::string::npos)
     return "a qx7 dissector is installed in tshark's plugin folder";
   return "";
 }
