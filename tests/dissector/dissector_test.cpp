@@ -353,7 +353,8 @@ Bytes logging() {
 // and every malformed case as expert information with its Info line.
 TEST(Dissector, CraftedFramesAndEveryMalformedCase) {
   REQUIRE_TSHARK();
-  const Bytes job = nat_frame("JPAKTJ_R", end_body());
+  const Bytes body = end_body();
+  const Bytes job = nat_frame("JPAKTJ_R", body);
   Bytes past = job;
   past.resize(200);
   Bytes short_variable = meld_body(400, 0, 5, 'V', 57);
@@ -395,6 +396,14 @@ TEST(Dissector, CraftedFramesAndEveryMalformedCase) {
        {native_frame("hello", 7)},
        false,
        {{"qx7.native.key", "0x07"}, {"_ws.col.Info", "native key 0x07, 5 bytes"}}},
+      {"native frame under a decimal length",
+       {nat("A0000005hello")},
+       false,
+       {{"qx7.native.text", "hello"}, {"_ws.col.Info", "native key 0x41, 5 bytes"}}},
+      {"job message under the 16-bit key",
+       {nat("\x01\x08JPAKTJ_R\xFE\x14\x01"s + std::string(body.begin(), body.end()))},
+       false,
+       {{"qx7.meld.rc", "3"}, {"_ws.col.Info", "job 4711 end rc=3 \"nightly backup\""}}},
       {"source block",
        {nat("\x01\x08JPAKTJ_R\xFF\x02\x00\x00\x00hi\xFD\x0C\x00\x01\x08SENDER  \x02\x00"s)},
        false,
