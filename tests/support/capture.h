@@ -5,7 +5,7 @@
 #ifndef QX_TESTS_SUPPORT_CAPTURE_H_
 #define QX_TESTS_SUPPORT_CAPTURE_H_
 
-#include <sys/stat.h>
+#include <dirent.h>
 
 #include <array>
 #include <cstdio>
@@ -243,17 +243,32 @@ inline std::string dissector_path() {
   return std::string(QX_SOURCE_DIR) + "/tools/wireshark/qx7.lua";
 }
 
-// A home of this test process for tshark, so that a copy of the dissector in the user's plugin
-// folder, and the user's preferences, stay out of the tests.
-inline std::string tshark_home() {
-  const std::string home = "/tmp/qx_tshark_" + std::to_string(getpid());
-  mkdir(home.c_str(), 0700);
-  return home;
+// A private folder of this test process (mkdtemp), removed with its files at exit: tshark's
+// home, so that a copy of the dissector in the user's plugin folder and the user's
+// preferences stay out of the tests, and the place of the capture files.
+inline const std::string& scratch_dir() {
+  static const struct Dir {
+    std::string path;
+    Dir() {
+      char t[] = "/tmp/qx_tshark_XXXXXX";
+      if (mkdtemp(t) != nullptr) path = t;
+    }
+    ~Dir() {
+      if (path.empty()) return;
+      if (DIR* d = opendir(path.c_str()); d != nullptr) {
+        for (dirent* e; (e = readdir(d)) != nullptr;)
+          if (e->d_name[0] != '.') unlink((path + "/" + e->d_name).c_str());
+        closedir(d);
+      }
+      rmdir(path.c_str());
+    }
+  } dir;
+  return dir.path;
 }
 
 // tshark with `args`, run with its own home.
 inline qxtest::RunResult run_tshark(std::vector<std::string> args) {
-  const std::string home = tshark_home();
+  const std::string& home = scratch_dir();
   args.insert(args.begin(), {"HOME=" + home, "XDG_CONFIG_HOME=" + home, tshark_path()});
   return qxtest::run_program("/usr/bin/env", args, 300);
 }
