@@ -498,14 +498,14 @@ local function dissect_keyed_body(tvb, pinfo, tree, off, n, stream)
   local line, kind = "empty body", "empty"
   while p < stop do
     local key = tvb(p, 1):uint()
-    local spec = KEYS[key]
-    if not spec then
+    local known = KEYS[key]
+    if not known then
       local reason = string.format("unknown key 0x%02X", key)
       tree:add(f.data, tvb(p, stop - p)):add_proto_expert_info(e.key, reason
         .. ": the receiver rejects the frame")
       return nil, reason
     end
-    local form, name = spec[1], spec[2]
+    local form, name = known[1], known[2]
     local len_ok, dn = false, 0
     if stop - p >= form then
       if form == SHORT then
@@ -605,8 +605,13 @@ local function dissect_ipc(tvb, tree, off, n)
     tree:add_proto_expert_info(e.truncated, "internal record without its 16-byte type")
     return "IPC, " .. n .. " bytes [truncated]", "IPC"
   end
-  local type = cstring(tvb(off, 16):raw())
-  tree:add(f.ipc_type, tvb(off, 16), type)
+  local raw = tvb(off, 16):raw()
+  local type = cstring(raw)
+  local ti = tree:add(f.ipc_type, tvb(off, 16), type)
+  if raw ~= type .. string.rep("\0", 16 - #type) then
+    -- The receiver compares all 16 bytes: such a type matches none of its handlers.
+    ti:add_proto_expert_info(e.odd, "bytes after the type name's end: no receiver takes it")
+  end
   local r = record(tvb, tree, off, off + n)
   local line = "IPC " .. printable(type)
   if type == "ROUTENAT" then
