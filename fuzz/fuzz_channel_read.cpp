@@ -59,6 +59,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   ch->s = sv[0];
+  // The first two bytes also decide whether the channel is a trusted local partner, from which
+  // internal frames are taken, or a channel that refuses them.
+  if (rng & 0x10000) ccm_channel_set_local_partner(ccm, ch, &err);
 
   size_t off = 0;
   while (off < size && !(ch->flag & CCM_CHFLAG_DELETED)) {

@@ -20,7 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ccm_channel_t ch{};
   std::strcpy(ch.name, "*FUZZ");
   ch.s = -1;
-  ch.flag = CCM_CHFLAG_CONNECTING;
+  // A trusted local partner, so that internal frames are classified too.
+  ch.flag = CCM_CHFLAG_CONNECTING | CCM_CHFLAG_LOCAL_PARTNER;
 
   while (size > 9) {
     ccm_error_t err{};

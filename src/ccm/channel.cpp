@@ -249,6 +249,13 @@ int ccm_channel_destroy(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* /
   ccm_free(ccmch->cuc);
   if (ccmch->s >= 0) {
     QX_TRACE("%s:      closing socket = %d", __func__, ccmch->s);
+    // A close never waits: whatever linger time the socket carries (one an application set,
+    // or one a passed socket brought along) is turned off first, so that the system delivers
+    // what is still unsent in the background instead of holding this thread until a partner
+    // that does not read takes it. (For a descriptor that is no socket the call fails
+    // harmlessly.)
+    linger off{};
+    setsockopt(ccmch->s, SOL_SOCKET, SO_LINGER, &off, sizeof off);
     close(ccmch->s);
     ccmch->s = -1;
   }
@@ -306,6 +313,25 @@ int ccm_destroy_deleted_channels(ccm_context_t* ccm, int* ndestroyed) {
   }
   if (ndestroyed != nullptr) *ndestroyed = count;
   QX_TRACE("%s <-- (number of deleted channels = %d)", __func__, count);
+  return 0;
+}
+
+int ccm_channel_set_local_partner(ccm_context_t* /*ccm*/, ccm_channel_t* ccmch,
+                                  ccm_error_t* ccmerr) {
+  QX_TRACE("%s(channel(%p,s=%d/chID=%d,%s)) -->", __func__, static_cast<void*>(ccmch), ccmch->s,
+           ccmch->ID, ccmch->name);
+  int domain = -1;
+  socklen_t len = sizeof domain;
+  if (getsockopt(ccmch->s, SOL_SOCKET, SO_DOMAIN, &domain, &len) != 0 || domain != AF_UNIX) {
+    // A network peer can be anybody: internal messages are for programs of this host only.
+    const int err = domain == -1 ? errno : EPROTOTYPE;
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "local partner(s=%d,ID=%d)|%d-%s", ccmch->s, ccmch->ID,
+                  err, strerror(err));
+    QX_TRACE("%s <-- (no local-domain socket)", __func__);
+    return -1;
+  }
+  ccm_flag_set(ccmch->flag, CCM_CHFLAG_LOCAL_PARTNER);
+  QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }
 

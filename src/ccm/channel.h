@@ -39,6 +39,22 @@ inline constexpr int CCM_CHFLAG_NAT_02 = 0x02;  // carried onto dispatched NAT m
 inline constexpr int CCM_CHFLAG_CONNECTING = 0x08;
 inline constexpr int CCM_CHFLAG_NOREAD = 0x10;    // the select loop does not watch reading
 inline constexpr int CCM_CHFLAG_BINDADDR = 0x40;  // `bind_addr` known, or an "*IPC" channel
+// A trusted local partner (ccm_channel_set_local_partner): frames with the "IPC" protocol
+// field are taken from this channel only.
+inline constexpr int CCM_CHFLAG_LOCAL_PARTNER = 0x100;
+// Set by the network thread while it leaves the channel unread because the application has
+// not yet taken enough of what came on it (CCM_UNREAD_MAX_*).
+inline constexpr int CCM_CHFLAG_RECV_HELD = 0x200;
+
+// What one channel may have received and the application not yet taken: past either bound
+// the network thread stops reading the channel (its partner then meets TCP's flow control)
+// until the application has taken messages of it. The bytes are those of the messages'
+// allocations. One read may complete frames beyond the bound: the frame that the receive
+// buffer holds in part (at most kMaxFrameSize) and at most CCM_RECV_READ_AHEAD bytes of
+// frames behind it.
+inline constexpr int CCM_UNREAD_MAX_MSGS = 1000;
+inline constexpr long CCM_UNREAD_MAX_BYTES = 4L * 1024 * 1024;
+inline constexpr int CCM_RECV_READ_AHEAD = 8192;
 
 // Message numbers of channel closing.
 inline constexpr int CCM_MSGNR_CLOSE_OTHER = 2002040;
@@ -97,6 +113,11 @@ struct ccm_channel_t {
   sockaddr_in6 next_addr[CCM_CONNECT_ADDRESSES_MAX - 1];
   int next_addr_count;
   int next_addr_pos;
+  // Messages read from this channel that wait in the context's `recvq` and the bytes they
+  // hold (CCM_UNREAD_MAX_*): raised by the network thread, lowered when the application takes
+  // one (ccm_receive_message). Read and written with atomic operations.
+  int unread_msgs;
+  long unread_bytes;
 };
 
 // Creates a zero-filled channel with the next ID and name "*ID<n>", in no list.
@@ -130,6 +151,15 @@ int ccm_channel_closeall(ccm_context_t* ccm);
 // Unlinks and destroys the deleted channels of `channelq`, keeping the others in order.
 // Returns 0; `ndestroyed`, when given, receives the number destroyed.
 int ccm_destroy_deleted_channels(ccm_context_t* ccm, int* ndestroyed = nullptr);
+// Marks a channel as a trusted local partner: the other end of a socket pair or of a
+// local-domain connection that the application made to exchange internal messages with a
+// program of its own. Only from such a channel are frames with the "IPC" protocol field taken;
+// from any other they are refused like a malformed frame. (The notices "CHANNEL_CLOSE" and
+// "CHANNEL_ACCEPT" are made only inside the process and refused from every channel.)
+// 0, or -1 with `ccmerr` filled and the channel unchanged when its socket is not a
+// local-domain socket. The pair maker (ccm_channel_create_pair) marks both its channels.
+int ccm_channel_set_local_partner(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccmerr);
+
 // Records the socket's local address in `bind_addr`; 0, or -1 with `ccmerr` filled.
 int ccm_channel_bindaddr_inquire(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccmerr);
 

@@ -19,7 +19,6 @@
 namespace {
 
 inline constexpr int CCM_HOST_SIZE = 128;  // ccm_channel_t::host
-inline constexpr int CCM_LINGER_SECS = 60;
 
 void trace_channel_entry(const char* fn, const ccm_channel_t* ch) {
   if (!trc_level()) return;
@@ -53,7 +52,7 @@ bool try_next_after(int err) {
   }
 }
 
-// Makes the channel's socket for `addr` (non-blocking, lingering, bound to the wildcard
+// Makes the channel's socket for `addr` (non-blocking, bound to the wildcard
 // address of its family) and starts the connection: null when it came about or is under way;
 // else what failed, with `ccmerr` filled and `*failed_errno` set to the error of a failed
 // system call (0 for the others). A socket made stays in `ch->s`.
@@ -71,7 +70,8 @@ const char* start_connection(ccm_context_t* ccm, ccm_channel_t* ch, sockaddr_in6
     return "socket() error";
   }
   if (ccm_set_nonblocking(ccm, ch, ccmerr) != 0) return "error set non-blocking mode";
-  if (ccm_set_linger(ccm, ch, 1, CCM_LINGER_SECS, ccmerr) != 0) return "error set linger";
+  // No linger time is set: a close must never wait for a partner that does not read
+  // (ccm_channel_destroy).
 
   sockaddr_in6 local{};
   local.sin6_family = addr.sin6_family;

@@ -2,6 +2,7 @@
 // pipes, the allocation seam and error records.
 #include "ccm/context.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -168,8 +169,12 @@ int ccm_close_wakeup_pipes(ccm_context_t* ccm) {
 int ccm_create_wakeup_pipes(ccm_context_t* ccm, ccm_error_t* ccmerr) {
   QX_TRACE("%s() -->", __func__);
   ccm_close_wakeup_pipes(ccm);
-  if (pipe(ccm->network_wakeup) != 0 || pipe(ccm->processor_wakeup) != 0) {
-    // A failed pipe() leaves its pair at -1; a network pipe already made stays open.
+  // Both ends are non-blocking: a writer that finds the pipe full knows a wake-up is already
+  // pending and goes on, so neither thread ever waits on the other through a pipe. Programs
+  // that the application starts do not inherit them.
+  constexpr int kFlags = O_NONBLOCK | O_CLOEXEC;
+  if (pipe2(ccm->network_wakeup, kFlags) != 0 || pipe2(ccm->processor_wakeup, kFlags) != 0) {
+    // A failed pipe2() leaves its pair at -1; a network pipe already made stays open.
     int err = errno;
     ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "pipe(wakeups)|%d-%s|", err, strerror(err));
     QX_TRACE("%s <-- (pipe() error)", __func__);
@@ -183,20 +188,37 @@ int ccm_create_wakeup_pipes(ccm_context_t* ccm, ccm_error_t* ccmerr) {
   return 0;
 }
 
+namespace {
+
+// One wake-up byte; a full pipe (EAGAIN) already holds a wake-up that the reader has not yet
+// taken, which serves this one too.
+void wake(int fd, char byte) {
+  if (fd < 0) return;
+  const int saved = errno;  // callers report their own errors after a wake-up
+  while (write(fd, &byte, 1) < 0 && errno == EINTR) {
+  }
+  errno = saved;
+}
+
+}  // namespace
+
+void ccm_drain_wakeup(int fd) {
+  char bytes[4096];
+  for (;;) {
+    const ssize_t n = read(fd, bytes, sizeof bytes);
+    if (n == static_cast<ssize_t>(sizeof bytes) || (n < 0 && errno == EINTR)) continue;
+    return;  // empty (EAGAIN), a short read that took the rest, or a closed pipe
+  }
+}
+
 int ccm_wakeup_network(ccm_context_t* ccm) {
   QX_TRACE("%s() -->", __func__);
-  if (ccm != nullptr && ccm->network_wakeup[1] >= 0) {
-    char byte = 'N';
-    [[maybe_unused]] ssize_t n = write(ccm->network_wakeup[1], &byte, 1);
-  }
+  if (ccm != nullptr) wake(ccm->network_wakeup[1], 'N');
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }
 
 int ccm_wakeup_processor(ccm_context_t* ccm) {
-  if (ccm != nullptr && ccm->processor_wakeup[1] >= 0) {
-    char byte = 'P';
-    [[maybe_unused]] ssize_t n = write(ccm->processor_wakeup[1], &byte, 1);
-  }
+  if (ccm != nullptr) wake(ccm->processor_wakeup[1], 'P');
   return 0;
 }

@@ -73,6 +73,28 @@ bool grow_receive_buffer(ccm_channel_t* ch, ccm_error_t* ccmerr) {
   return true;
 }
 
+// How much one read takes: what the frame at the start of the buffer still lacks (when its
+// length is known) and CCM_RECV_READ_AHEAD bytes behind it, at most the free room. A buffer
+// that grew for a large frame thus never brings in a large number of small frames at once:
+// what one read adds to the unread messages of a channel stays bounded.
+int read_size(const ccm_channel_t* ch) {
+  const int room = ch->recv_size - ch->recv_pos;
+  int want = CCM_RECV_READ_AHEAD;
+  if (ch->recv_pos > CCM_LENGTH_VISIBLE) {
+    const int frame = ccm_check_msg_length(ch->recv_buffer);
+    if (frame > ch->recv_pos) want += frame - ch->recv_pos;
+  }
+  return std::min(room, want);
+}
+
+// Counts a message that goes to the receive queue among the unread ones of its channel.
+void count_unread(ccm_channel_t* ch, ccm_msg_t* msg) {
+  msg->flag |= CCM_MSGFLAG_UNREAD;
+  __atomic_fetch_add(&ch->unread_msgs, 1, __ATOMIC_SEQ_CST);
+  __atomic_fetch_add(&ch->unread_bytes, static_cast<long>(ccm_msg_footprint(msg)),
+                     __ATOMIC_SEQ_CST);
+}
+
 // Moves the `left` unconsumed bytes at `cursor` to the front of the receive buffer.
 void keep_rest(ccm_channel_t* ch, const unsigned char* cursor, int left) {
   if (left > 0 && cursor != ch->recv_buffer) std::memmove(ch->recv_buffer, cursor, left);
@@ -98,7 +120,7 @@ int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccme
 
   iovec iov{};
   iov.iov_base = ccmch->recv_buffer + ccmch->recv_pos;
-  iov.iov_len = static_cast<size_t>(ccmch->recv_size - ccmch->recv_pos);
+  iov.iov_len = static_cast<size_t>(read_size(ccmch));
   control_area control{};
   msghdr mh{};
   mh.msg_iov = &iov;
@@ -147,8 +169,7 @@ int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccme
       QX_TRACE("%s:      not enough data pos(%d) < len(%d)", __func__, left, len);
       break;
     }
-    ccm_msg_t* msg = len <= CCM_MSG_POOL_SIZE ? ccm_msg_alloc(ccm, ccmerr)
-                                              : ccm_msg_alloc_huge(ccm, len, ccmerr);
+    ccm_msg_t* msg = ccm_msg_alloc_frame(ccm, len, ccmerr);
     if (msg == nullptr) {
       // Frames already queued must not be queued again by the next read: the unconsumed rest
       // goes to the front now. The channel stays; its remaining frames are cut out at its next
@@ -173,12 +194,15 @@ int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccme
       QX_TRACE("%s <-- (qualifing message error)", __func__);
       return -1;
     }
-    if (control_len != 0) {
+    // Descriptors passed with this read belong to one message only, the first frame it
+    // completes: a copy on every frame would let two owners close the same descriptor.
+    if (control_len != 0 && !control_taken) {
       std::memcpy(msg->control_data, control.bytes, control_len);
       msg->control_len = control_len;
       control_taken = true;
       if (trc_level()) trcdump(msg->control_data, static_cast<int>(control_len), "control data");
     }
+    count_unread(ccmch, msg);
     {
       ccm_spin_guard guard(ccm->queue_lock);
       ccm_queue_unlink(ccm->msgq_inuse, msg);

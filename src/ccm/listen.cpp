@@ -222,11 +222,8 @@ int ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* 
     QX_TRACE("%s <-- (error set non-blocking mode)", __func__);
     return -1;
   }
-  if (ccm_set_linger(ccm, ch, 1, CCM_ACCEPT_LINGER_SECS, ccmerr) != 0) {
-    discard_unannounced(ccm, ch);
-    QX_TRACE("%s <-- (error set linger)", __func__);
-    return -1;
-  }
+  // No linger time is set: a close must never wait for a partner that does not read
+  // (ccm_channel_destroy).
 
   // Without the notice the processing thread would never learn of the connection: it could
   // neither address it nor tell apart what arrives on it. Such a connection is closed again

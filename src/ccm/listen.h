@@ -15,8 +15,6 @@
 #include "ccm/channel.h"
 #include "ccm/context.h"
 
-inline constexpr int CCM_ACCEPT_LINGER_SECS = 60;
-
 // Listens on `pbind_addr` (host name or address text of at most 255 characters; "" for every
 // local address; "*LOCAL" for the loopback address) and `port` (host byte order; 0 lets the
 // system choose) with a backlog of `listen_count`. 0, or -1 with `ccmerr` filled and no

@@ -1,6 +1,7 @@
 // Message allocation and the free pool of standard-size messages.
 #include "ccm/message.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "ccm/channel.h"
@@ -17,14 +18,11 @@ ccm_msg_t* ccm_msg_alloc(ccm_context_t* ccm, ccm_error_t* ccmerr) {
   return ccm_msg_alloc_huge(ccm, CCM_MSG_POOL_SIZE, ccmerr);
 }
 
-ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* ccmerr) {
-  QX_TRACE("%s(size=%d) -->", __func__, size);
-  // The data area must hold the head room; 2 * size must not overflow an int.
-  if (size < CCM_MSG_HEADROOM || size > (1 << 29)) {
-    ccm_set_error(ccmerr, CCM_MSGNR_ALLOC, "%s/%s(%d)|size=%d", "CCMMSG", __FILE__, __LINE__, size);
-    QX_TRACE("%s <-- (invalid size)", __func__);
-    return nullptr;
-  }
+namespace {
+
+// A message whose data area holds 2 * size bytes: from the pool for the pool size, else
+// allocated anew. `fn` names the caller in the traces.
+ccm_msg_t* make_message(ccm_context_t* ccm, int size, ccm_error_t* ccmerr, const char* fn) {
   ccm_msg_t* msg = nullptr;
   if (size == CCM_MSG_POOL_SIZE) {
     ccm_spin_guard guard(ccm->queue_lock);
@@ -38,7 +36,7 @@ ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* ccmerr)
     msg = static_cast<ccm_msg_t*>(ccm_alloc(total, "CCMMSG"));
     if (msg == nullptr) {
       ccm_set_alloc_error(ccmerr, "CCMMSG", __FILE__, __LINE__);
-      QX_TRACE("%s <-- (malloc error, message queue)", __func__);
+      QX_TRACE("%s <-- (malloc error, message queue)", fn);
       return nullptr;
     }
   }
@@ -48,13 +46,41 @@ ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* ccmerr)
   msg->size = size;
   msg->buffer1 = msg->buffer;
   msg->buffer2 = msg->buffer1 + size;
-  msg->msg_start = msg->buffer1 + CCM_MSG_HEADROOM;
+  msg->msg_start = msg->buffer1 + std::min(CCM_MSG_HEADROOM, 2 * size);
   {
     ccm_spin_guard guard(ccm->queue_lock);
     msg->ID = static_cast<unsigned long>(ccm->unique_msg_ID++);
     ccm_queue_push(ccm->msgq_inuse, msg);
   }
-  QX_TRACE("%s <-- (" QX_MSG_FMT ")", __func__, QX_MSG_ARGS(msg));
+  QX_TRACE("%s <-- (" QX_MSG_FMT ")", fn, QX_MSG_ARGS(msg));
+  return msg;
+}
+
+}  // namespace
+
+ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* ccmerr) {
+  QX_TRACE("%s(size=%d) -->", __func__, size);
+  // The data area must hold the head room; 2 * size must not overflow an int.
+  if (size < CCM_MSG_HEADROOM || size > (1 << 29)) {
+    ccm_set_error(ccmerr, CCM_MSGNR_ALLOC, "%s/%s(%d)|size=%d", "CCMMSG", __FILE__, __LINE__, size);
+    QX_TRACE("%s <-- (invalid size)", __func__);
+    return nullptr;
+  }
+  return make_message(ccm, size, ccmerr, __func__);
+}
+
+ccm_msg_t* ccm_msg_alloc_frame(ccm_context_t* ccm, int len, ccm_error_t* ccmerr) {
+  QX_TRACE("%s(len=%d) -->", __func__, len);
+  if (len < 1 || len > (1 << 30)) {
+    ccm_set_error(ccmerr, CCM_MSGNR_ALLOC, "%s/%s(%d)|len=%d", "CCMMSG", __FILE__, __LINE__, len);
+    QX_TRACE("%s <-- (invalid size)", __func__);
+    return nullptr;
+  }
+  // A received frame needs no head room. Pool messages are kept for the frames that fill
+  // more than half of their area; a small frame never holds a 64 KiB area.
+  const bool pooled = len > CCM_MSG_POOL_SIZE && len <= 2 * CCM_MSG_POOL_SIZE;
+  ccm_msg_t* msg = make_message(ccm, pooled ? CCM_MSG_POOL_SIZE : (len + 1) / 2, ccmerr, __func__);
+  if (msg != nullptr) msg->msg_start = msg->buffer1;
   return msg;
 }
 

@@ -30,6 +30,9 @@ inline constexpr int CCM_MSG_IPC = 3;
 inline constexpr int CCM_MSGFLAG_CHANNEL_02 = 0x02;  // carried over from channel flag 0x02
 inline constexpr int CCM_MSGFLAG_KEEP = 0x08;        // not released when no channel is found
 inline constexpr int CCM_MSGFLAG_XML = 0x20;         // body is XML text: no code-page conversion
+// Counted among the unread messages of the channel it came on (ccm_channel_t::unread_msgs)
+// until the application takes it.
+inline constexpr int CCM_MSGFLAG_UNREAD = 0x100;
 
 struct ccm_addr_t {
   char eyec[8];  // "#CCMADDR", no terminator
@@ -82,6 +85,16 @@ ccm_msg_t* ccm_msg_alloc(ccm_context_t* ccm, ccm_error_t* ccmerr);
 // A message whose data area holds 2 * size bytes; null with `ccmerr` filled on failure.
 // A size below CCM_MSG_HEADROOM, which could not hold the head room, is refused.
 ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* ccmerr);
+// A message for a received frame of `len` bytes (48 to kMaxFrameSize), with `msg_start` at
+// the start of its data area and the memory in proportion to the frame: a frame that needs
+// more than half of a pool message's area takes a pool message, any other gets an area of its
+// own size (rounded up to an even number; `size` is half of it), which is released when it is
+// freed. Null with `ccmerr` filled on failure.
+ccm_msg_t* ccm_msg_alloc_frame(ccm_context_t* ccm, int len, ccm_error_t* ccmerr);
+// The bytes that a message's allocation holds: the record and its data area.
+inline size_t ccm_msg_footprint(const ccm_msg_t* m) {
+  return sizeof(ccm_msg_t) + 2 * static_cast<size_t>(m->size);
+}
 // Gives a message back; it must stand in no queue but `msgq_inuse`. Always 0.
 int ccm_msg_free(ccm_context_t* ccm, ccm_msg_t* ccmmsg);
 // Frees every message of the channel's `sendq` and `recvq`; the caller owns the channel. 0.

@@ -20,28 +20,12 @@
 
 namespace {
 
-// A descriptor set of its own for descriptors 0..65535: the bit layout of fd_set (descriptor
-// d is bit d % bits-per-word of word d / bits-per-word), which the kernel reads for as many
-// bits as select's first argument says. fd_set itself and its macros stop at 1024.
-constexpr int kSetBits = CCM_MAX_WATCHED_FD + 1;
-constexpr int kWordBits = 8 * static_cast<int>(sizeof(unsigned long));
-struct alignas(fd_set) descriptor_set {
-  unsigned long words[kSetBits / kWordBits];
-
-  // Clears the words that hold descriptors 0..maxfd; the words above are left as they are.
-  void clear_upto(int maxfd) {
-    std::memset(words, 0, (static_cast<size_t>(maxfd) / kWordBits + 1) * sizeof(unsigned long));
-  }
-  void add(int fd) { words[fd / kWordBits] |= 1UL << (fd % kWordBits); }
-  bool has(int fd) const { return (words[fd / kWordBits] >> (fd % kWordBits)) & 1UL; }
-  fd_set* as_fd_set() { return reinterpret_cast<fd_set*>(words); }
-};
-static_assert(sizeof(descriptor_set) == 8192);
+static_assert(CCM_MAX_WATCHED_FD == CCM_FDSET_MAX);
 
 // Used by the network thread alone; one network thread per process.
-descriptor_set fd_read;
-descriptor_set fd_write;
-descriptor_set fd_error;
+ccm_fdset fd_read;
+ccm_fdset fd_write;
+ccm_fdset fd_error;
 // The highest descriptor any set held in the last cycle. No bit above it is ever set (select
 // writes back only the bits below its first argument), so each cycle clears just the words up
 // to it instead of the whole 24 KiB. The sets start empty.
@@ -50,7 +34,7 @@ char read_text[CCM_FDSET_TEXT_SIZE];
 char write_text[CCM_FDSET_TEXT_SIZE];
 
 bool watchable(int fd) {
-  return fd >= 0 && fd <= CCM_MAX_WATCHED_FD;
+  return ccm_fdset::holds(fd);
 }
 
 const char* thread_name() {
@@ -87,6 +71,22 @@ bool sendq_empty(ccm_channel_t* ch) {
   return ch->sendq.head == nullptr;
 }
 
+// Whether the channel may be read in this cycle: not while the application has more of it
+// unread than CCM_UNREAD_MAX_* allow. The bit is set before the counts are looked at, so that
+// the receiver, which lowers the counts and then clears the bit, either is seen here or wakes
+// the thread (receive.cpp).
+bool may_read(ccm_channel_t* ch) {
+  __atomic_fetch_or(&ch->flag, CCM_CHFLAG_RECV_HELD, __ATOMIC_SEQ_CST);
+  if (__atomic_load_n(&ch->unread_msgs, __ATOMIC_SEQ_CST) < CCM_UNREAD_MAX_MSGS &&
+      __atomic_load_n(&ch->unread_bytes, __ATOMIC_SEQ_CST) < CCM_UNREAD_MAX_BYTES) {
+    ccm_flag_clear(ch->flag, CCM_CHFLAG_RECV_HELD);
+    return true;
+  }
+  QX_TRACE("ccm_network_select:      channel %d not read: %d messages unread", ch->ID,
+           __atomic_load_n(&ch->unread_msgs, __ATOMIC_SEQ_CST));
+  return false;
+}
+
 // Sets a socket non-blocking with the traces of the pair maker; true on success.
 bool set_dontblock(const char* fn, int s) {
   QX_TRACE("%s:      ioctl( %d, DONTBLOCK) -->", fn, s);
@@ -103,7 +103,7 @@ bool set_dontblock(const char* fn, int s) {
 char* ccm_fdset_text(char* work, int size, const void* set, int maxfd) {
   if (size <= 0) return work;
   work[0] = '\0';
-  const auto* s = static_cast<const descriptor_set*>(set);
+  const auto* s = static_cast<const ccm_fdset*>(set);
   static constexpr char kCut[] = ",...";
   int used = 0;
   if (maxfd > CCM_MAX_WATCHED_FD) maxfd = CCM_MAX_WATCHED_FD;
@@ -259,7 +259,7 @@ int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
       ccm_channel_delete(ccm, ch);
       continue;
     }
-    if (!(ccm_flag_get(ch->flag) & CCM_CHFLAG_NOREAD)) fd_read.add(ch->s);
+    if (!(ccm_flag_get(ch->flag) & CCM_CHFLAG_NOREAD) && may_read(ch)) fd_read.add(ch->s);
     fd_error.add(ch->s);
     if (!sendq_empty(ch)) fd_write.add(ch->s);
     if (ch->s > highest) highest = ch->s;
@@ -308,11 +308,9 @@ int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
   }
   if (watchable(wakeup) && fd_read.has(wakeup)) {
     QX_TRACE("%s:      network woken up by other thread", __func__);
-    // Every byte waiting is taken: each cycle dispatches the whole send queue, so the bytes
-    // of senders that came before this point have all been served by the next dispatch.
-    // select reported the pipe readable, so the read does not block.
-    char bytes[256];
-    [[maybe_unused]] ssize_t n = read(wakeup, bytes, sizeof bytes);
+    // Every byte waiting is taken: each cycle dispatches the whole send queue and looks at
+    // every channel, so the work that the bytes before this point announced is all served.
+    ccm_drain_wakeup(wakeup);
   }
 
   ccm_channel_t* next = nullptr;
@@ -377,6 +375,8 @@ int ccm_channel_create_pair(ccm_context_t* ccm, ccm_channel_t** pch1, ccm_channe
       ccm_set_error(ccmerr, -1, "ioctl(%d,FIONBIO)|%d-%s", c->s, err, std::strerror(err));
       return release("ioctl error, dontblock");
     }
+    // A pair joins two parts of the application: each is the other's local partner.
+    ccm_flag_set(c->flag, CCM_CHFLAG_LOCAL_PARTNER);
   }
   *pch1 = ch[0];
   *pch2 = ch[1];

@@ -38,12 +38,14 @@ int ccm_channel_merge_newq(ccm_context_t* ccm);
 int ccm_dispatch_send_messages(ccm_context_t* ccm);
 // One cycle: merge, dispatch, select for at most `stimeout` seconds, serve. 0, or -1 with
 // `ccmerr` filled when select failed. A channel whose socket is above CCM_MAX_WATCHED_FD is
-// deleted with its error recorded, not left unwatched.
+// deleted with its error recorded, not left unwatched. A channel with more unread messages
+// than CCM_UNREAD_MAX_* allow is not read in this cycle (CCM_CHFLAG_RECV_HELD).
 int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr);
 // Traces its entry and exit; 0.
 int ccm_channel_maintenance(ccm_context_t* ccm);
-// Makes two entered channels joined by a local stream socket pair. 0 with them in *pch1 and
-// *pch2, or -1 with nothing made (both channels are released again).
+// Makes two entered channels joined by a local stream socket pair, each marked as the other's
+// local partner (ccm_channel_set_local_partner). 0 with them in *pch1 and *pch2, or -1 with
+// nothing made (both channels are released again).
 int ccm_channel_create_pair(ccm_context_t* ccm, ccm_channel_t** pch1, ccm_channel_t** pch2,
                             ccm_error_t* ccmerr);
 

@@ -30,6 +30,38 @@ ccm_msg_t* take_head(ccm_context_t* ccm) {
   return m;
 }
 
+bool within_unread_bounds(ccm_channel_t* ch) {
+  return __atomic_load_n(&ch->unread_msgs, __ATOMIC_SEQ_CST) < CCM_UNREAD_MAX_MSGS &&
+         __atomic_load_n(&ch->unread_bytes, __ATOMIC_SEQ_CST) < CCM_UNREAD_MAX_BYTES;
+}
+
+// A message the application takes no longer counts among the unread ones of its channel.
+// When the network thread left that channel unread for them and it is now within the bounds,
+// the thread is woken to read it again. The channel is looked up under the channel lock, which
+// keeps it from being destroyed meanwhile; one that is gone needs nothing.
+void release_unread(ccm_context_t* ccm, ccm_msg_t* m) {
+  if (!(m->flag & CCM_MSGFLAG_UNREAD)) return;
+  m->flag &= ~CCM_MSGFLAG_UNREAD;
+  bool wake = false;
+  {
+    ChannelLock lock(ccm);
+    ccm_channel_t* ch = ccm->channelq.head;
+    while (ch != nullptr && ch->ID != m->addr.src_ID)
+      ch = ch->nxt;
+    if (ch != nullptr) {
+      __atomic_fetch_sub(&ch->unread_msgs, 1, __ATOMIC_SEQ_CST);
+      __atomic_fetch_sub(&ch->unread_bytes, static_cast<long>(ccm_msg_footprint(m)),
+                         __ATOMIC_SEQ_CST);
+      // The network thread sets the bit before it looks at the counts: either it sees these
+      // counts, or this clears the bit it set and wakes it.
+      wake = within_unread_bounds(ch) &&
+             (__atomic_fetch_and(&ch->flag, ~CCM_CHFLAG_RECV_HELD, __ATOMIC_SEQ_CST) &
+              CCM_CHFLAG_RECV_HELD) != 0;
+    }
+  }
+  if (wake) ccm_wakeup_network(ccm);
+}
+
 // Live channels of `channelq` whose type `counts`, under the channel lock.
 template <typename Pred>
 int count_channels(ccm_context_t* ccm, Pred counts) {
@@ -70,6 +102,7 @@ int ccm_receive_message(ccm_context_t* ccm, int stimeout, ccm_msg_t** ccmmsg, cc
       return 0;
     }
   }
+  release_unread(ccm, m);
   *ccmmsg = m;
   QX_TRACE("%s <-- (OK(ccmmsg=%p))", __func__, (void*)m);
   return 1;
@@ -79,16 +112,18 @@ int ccm_wait_processor(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
   QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
   const int fd = ccm->processor_wakeup[0];
   int rslt;
-  if (fd < 0 || fd >= FD_SETSIZE) {
-    // A pipe that is not open (or beyond what select can watch) cannot be waited on.
+  if (!ccm_fdset::holds(fd)) {
+    // A pipe that is not open cannot be waited on.
     errno = EBADF;
     rslt = -1;
   } else {
-    fd_set rset;
-    FD_ZERO(&rset);
-    FD_SET(fd, &rset);
+    // The set reaches every descriptor the network thread can watch: a process that
+    // inherited a thousand descriptors gets its pipes above FD_SETSIZE.
+    ccm_fdset rset;
+    rset.clear_upto(fd);
+    rset.add(fd);
     timeval tv{stimeout > 0 ? stimeout : 0, 0};
-    rslt = select(fd + 1, &rset, nullptr, nullptr, &tv);
+    rslt = select(fd + 1, rset.as_fd_set(), nullptr, nullptr, &tv);
   }
   if (rslt == 0) {
     QX_TRACE("%s <-- (timeout)", __func__);
@@ -108,10 +143,9 @@ int ccm_wait_processor(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
     QX_TRACE("%s <-- (select error: %d-%s)", __func__, err, strerror(err));
     return -1;
   }
-  char byte;
-  if (read(fd, &byte, 1) < 0) {
-    // Nothing to do: a lost wake-up byte costs at most one early return of a later wait.
-  }
+  // Every waiting byte is taken; the caller then looks at the receive queue, which holds
+  // every message whose byte was written before this point.
+  ccm_drain_wakeup(fd);
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }

@@ -17,12 +17,14 @@
 
 // 1 with the oldest received message in *ccmmsg; 0 with null when none arrived within
 // `stimeout` seconds (0 = just look), the wait was interrupted or a left-over wake-up byte
-// ended it; -1 with `ccmerr` filled when the wait failed. Waits at most once per call.
+// ended it; -1 with `ccmerr` filled when the wait failed. Waits at most once per call. A
+// message taken no longer counts among the unread ones of its channel (CCM_UNREAD_MAX_*); a
+// channel left unread for them is read again once it is back within the bounds.
 int ccm_receive_message(ccm_context_t* ccm, int stimeout, ccm_msg_t** ccmmsg, ccm_error_t* ccmerr);
 
-// Waits at most `stimeout` seconds for the processor wake-up pipe and takes one byte from
-// it. 0 on wake-up, time-out or interruption; -1 (2000102) when select fails or the pipe is
-// not open.
+// Waits at most `stimeout` seconds for the processor wake-up pipe and takes every byte
+// waiting in it. 0 on wake-up, time-out or interruption; -1 (2000102) when select fails or the pipe
+// is not open.
 int ccm_wait_processor(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr);
 
 // Sets the destination: "#CCMADDR", dst_ID = ID, dst_acv = acv, addr and name (cut to 63

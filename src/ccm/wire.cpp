@@ -9,7 +9,10 @@
 #include <cstring>
 #include <optional>
 #include <span>
+#include <string_view>
 
+#include "ccm/ipc.h"
+#include "ccm/ipc_dispatch.h"
 #include "common/convert.h"
 #include "common/strutil.h"
 #include "common/trace_log.h"
@@ -183,6 +186,15 @@ void parse_source_block(ccm_msg_t* ccmmsg, const unsigned char* data, size_t n) 
     }
     p += 2 + sn;
   }
+}
+
+// Whether an internal message body names the type of a notice that only the process itself
+// makes: its type field (16 bytes, or what the body has of them) read up to its first NUL.
+bool claims_internal_notice(const unsigned char* body, int len) {
+  const size_t field = std::min<size_t>(len > 0 ? static_cast<size_t>(len) : 0, 16);
+  const std::string_view type(reinterpret_cast<const char*>(body),
+                              strnlen(reinterpret_cast<const char*>(body), field));
+  return type == IPCMSG_CHANNEL_CLOSE || type == IPCMSG_CHANNEL_ACCEPT;
 }
 
 }  // namespace
@@ -442,6 +454,21 @@ int ccm_classify_message(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_msg_t* cc
     return -1;
   }
   if (std::memcmp(ccmmsg->msg_start + kProtoProtocolOffset, "IPC", kProtoProtocolSize) == 0) {
+    // Internal messages come only from a local partner that the application trusts; any
+    // other peer (every network peer) could forge them. The notices of a closed or accepted
+    // channel are made inside the process alone: a frame that claims to be one is forged.
+    const char* refused = nullptr;
+    if (ccmch == nullptr ||
+        !(std::atomic_ref<int>(ccmch->flag).load() & CCM_CHFLAG_LOCAL_PARTNER)) {
+      refused = "IPC frame from a channel that is no local partner";
+    } else if (claims_internal_notice(ccmmsg->msg_start + kHdr, ccmmsg->len - kHdr)) {
+      refused = "IPC frame claiming an internal notice";
+    }
+    if (refused != nullptr) {
+      record_frame_error(ccmch, ccmerr);
+      QX_TRACE("%s <-- (%s)", __func__, refused);
+      return -1;
+    }
     ccmmsg->type = CCM_MSG_IPC;
     ccmmsg->msg_start += kHdr;
     ccmmsg->len -= kHdr;

@@ -176,12 +176,31 @@ TEST_F(WireTest, XmlPayloadsAreMarked) {
     EXPECT_EQ((classified(frame(body))->flag & CCM_MSGFLAG_XML) != 0, xml) << body;
 }
 
+// Internal frames are taken unparsed from a trusted local partner only, and never when they
+// claim a notice that only the process itself makes; GSS frames keep their header.
 TEST_F(WireTest, IpcAndGssFramesAreNotParsed) {
-  const Bytes body = "CHANNEL_CLOSE\0\0\0rest"s;
-  ccm_msg_t* ipc = classified(frame(body, "IPC"));
-  EXPECT_EQ(ipc->type, CCM_MSG_IPC);
-  EXPECT_EQ(text(ipc), body);
-  EXPECT_STREQ(ipc->addr.src_addr, "*ID7");
+  const struct {
+    Bytes body;
+    bool trusted, taken;
+  } cases[] = {
+      {"ROUTENAT\0\0\0\0\0\0\0\0rest"s, true, true},
+      {"ROUTENAT\0\0\0\0\0\0\0\0rest"s, false, false},
+      {"CHANNEL_CLOSE\0\0\0rest"s, false, false},
+      {"CHANNEL_CLOSE\0\0\0rest"s, true, false},
+      {"CHANNEL_ACCEPT\0\0\1\0\0\0"s, true, false},
+      {"CHANNEL_ACCEPT"s, true, false},  // a type field cut short claims it too
+      {"CHANNEL_CLOSED\0\0"s, true, true},
+  };
+  for (const auto& c : cases) {
+    ch_.flag = c.trusted ? CCM_CHFLAG_LOCAL_PARTNER : 0;
+    ch_.msgnr = 0;
+    ccm_msg_t* ipc = classified(frame(c.body, "IPC"), c.taken ? 0 : -1);
+    EXPECT_EQ(ch_.msgnr, c.taken ? 0 : 2002036) << c.body;
+    if (!c.taken) continue;
+    EXPECT_EQ(ipc->type, CCM_MSG_IPC);
+    EXPECT_EQ(text(ipc), c.body);
+    EXPECT_STREQ(ipc->addr.src_addr, "*ID7");
+  }
   ccm_set_gss_classifier([](ccm_context_t*, ccm_msg_t* m) {
     return std::memcmp(m->msg_start + 21, "GSS", 3) == 0 ? 1 : 0;
   });

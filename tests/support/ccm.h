@@ -143,12 +143,16 @@ class CcmTest : public ::testing::Test {
     return ch;
   }
 
-  // An entered channel on one end of a socket pair; returns the other end.
-  int paired_channel(ccm_channel_t** ch, int type = CCM_CHTYPE_NONE) {
+  // An entered channel on one end of a socket pair, a trusted local partner unless
+  // `trusted` is false; returns the other end.
+  int paired_channel(ccm_channel_t** ch, int type = CCM_CHTYPE_NONE, bool trusted = true) {
     int sv[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     *ch = new_channel(type);
     (*ch)->s = sv[0];  // closed with the channel
+    if (trusted) {
+      EXPECT_EQ(ccm_channel_set_local_partner(ccm_, *ch, &err_), 0);
+    }
     ccm_channel_chain(ccm_, *ch);
     return sv[1];
   }
