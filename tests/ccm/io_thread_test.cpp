@@ -19,6 +19,7 @@
 #include "common/protocol_header.h"
 #include "common/trace_log.h"
 #include "support/ccm.h"
+#include "support/process.h"
 
 namespace ccm_test {
 namespace {
@@ -173,6 +174,47 @@ TEST_F(IoTest, FailedAllocationsKeepTheChannelAndNeverQueueAFrameTwice) {
   EXPECT_EQ(ch_->recv_pos, 8192);
   EXPECT_EQ(read_all(), 0);
   EXPECT_EQ(take_bodies(), std::vector<std::string>{body_of(f)});
+}
+
+// One read completes two frames and carries one descriptor: only the first message owns it.
+TEST_F(IoTest, PassedDescriptorGoesToTheFirstFrameOfTheReadOnly) {
+  const std::string both = ipc_frame(60, 1) + ipc_frame(70, 2);
+  int pipefd[2];
+  ASSERT_EQ(pipe(pipefd), 0);
+  alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))] = {};
+  iovec iov{const_cast<char*>(both.data()), both.size()};
+  msghdr mh{};
+  mh.msg_iov = &iov;
+  mh.msg_iovlen = 1;
+  mh.msg_control = control;
+  mh.msg_controllen = sizeof control;
+  cmsghdr* c = CMSG_FIRSTHDR(&mh);
+  c->cmsg_level = SOL_SOCKET;
+  c->cmsg_type = SCM_RIGHTS;
+  c->cmsg_len = CMSG_LEN(sizeof(int));
+  std::memcpy(CMSG_DATA(c), &pipefd[1], sizeof(int));
+  ASSERT_EQ(sendmsg(peer_, &mh, 0), static_cast<ssize_t>(both.size()));
+  close(pipefd[1]);
+  EXPECT_EQ(ccm_read_channel(ccm_, ch_, &err_), 0);
+  std::vector<size_t> control_lens;
+  int passed = -1;
+  while (ccm_msg_t* m = ccm_queue_pop(ccm_->recvq)) {
+    control_lens.push_back(m->control_len);
+    if (m->control_len >= CMSG_LEN(sizeof(int))) {
+      std::memcpy(&passed, m->control_data + (CMSG_DATA(c) - control), sizeof passed);
+    }
+    ccm_msg_free(ccm_, m);
+  }
+  ASSERT_EQ(control_lens.size(), 2u);
+  EXPECT_GE(control_lens[0], CMSG_LEN(sizeof(int)));
+  EXPECT_EQ(control_lens[1], 0u);
+  ASSERT_GE(passed, 0);
+  ASSERT_EQ(write(passed, "x", 1), 1);  // the one copy of the descriptor works
+  close(passed);
+  char byte;
+  EXPECT_EQ(read(pipefd[0], &byte, 1), 1);
+  EXPECT_EQ(read(pipefd[0], &byte, 1), 0);  // no other copy keeps the pipe open
+  close(pipefd[0]);
 }
 
 std::string bytes_of(int len, int seed) {
@@ -387,6 +429,67 @@ TEST_F(NetThreadTest, TrafficBothWaysArrivesInOrder) {
   while (received < 2 * kEach && Clock::now() < deadline)
     take(1);
   EXPECT_EQ(received, 2 * kEach);
+}
+
+// A partner floods 48-byte frames that nobody takes: the channel is read up to its bound of
+// unread messages and then left alone, so the partner's writes stop (flow control) and the
+// memory stays small. Neither wake-up pipe can block a writer: with the processor pipe full,
+// a notice made on this thread still goes through. Once the messages are taken, reading
+// resumes and every frame arrives.
+TEST_F(NetThreadTest, FloodOfSmallFramesIsHeldAtTheUnreadBound) {
+  start_thread();
+  ccm_channel_t* ch = nullptr;
+  const int peer = paired_channel(&ch);
+  const int id = ch->ID;
+  ccm_wakeup_network(ccm_);
+  fcntl(peer, F_SETFL, fcntl(peer, F_GETFL) | O_NONBLOCK);
+  qxtest::reset_peak_memory();
+  const long before_kb = qxtest::peak_memory_kb();
+  std::string stream;  // identical frames: a write cut anywhere goes on at offset % 48
+  for (int i = 0; i < 256; ++i)
+    stream += ipc_frame(48, 0);
+  long long bytes = 0;
+  auto put_more = [&](size_t upto) {
+    const size_t at = static_cast<size_t>(bytes % 48);
+    const ssize_t n = write(peer, stream.data() + at, upto - at);
+    if (n > 0) bytes += n;
+    return n > 0;
+  };
+  for (auto progress = Clock::now(); seconds_since(progress) < 1.0;) {
+    if (put_more(stream.size())) {
+      progress = Clock::now();
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_LT(bytes, 100LL << 20) << "the channel was never held";
+  }
+  EXPECT_TRUE(ccm_flag_get(ch->flag) & CCM_CHFLAG_RECV_HELD);
+  const int unread = __atomic_load_n(&ch->unread_msgs, __ATOMIC_SEQ_CST);
+  EXPECT_GE(unread, CCM_UNREAD_MAX_MSGS);
+  EXPECT_LE(unread, CCM_UNREAD_MAX_MSGS + CCM_RECV_READ_AHEAD / 48);
+  // About a thousand small messages, not a thousand 64 KiB areas.
+  if (!qxtest::kSanitizerBuild) {
+    EXPECT_LT(qxtest::peak_memory_kb() - before_kb, 8 * 1024);
+  }
+
+  while (write(ccm_->processor_wakeup[1], "P", 1) == 1) {
+  }
+  const auto t0 = Clock::now();
+  ccm_msg_t* notice = ccm_msg_alloc(ccm_, &err_);
+  std::strcpy(reinterpret_cast<char*>(notice->msg_start), "NOTICE");
+  notice->len = 16;
+  send_IPC_internal(ccm_, notice);
+  EXPECT_LT(seconds_since(t0), 1.0);
+
+  long long received = 0;
+  while (ccm_msg_t* m = next_message()) {
+    received += m->addr.src_ID == id ? 1 : 0;
+    ccm_msg_free(ccm_, m);
+    if (bytes % 48 != 0) put_more(48);  // the frame cut by the last write
+    if (bytes % 48 == 0 && received == bytes / 48) break;
+  }
+  EXPECT_EQ(received * 48, bytes);
+  close(peer);
 }
 
 class ReceiveTest : public NetThreadTest {
@@ -715,6 +818,95 @@ TEST_F(ListenTest, EachConnectionIsAnnouncedOnceWithItsChannelAndPort) {
   EXPECT_EQ(extra, nullptr);
   for (int c : clients)
     close(c);
+}
+
+// A partner that stops reading (its window closes with a large message unsent) and then sends
+// garbage or half-closes loses its channel at once, and closing it does not hold the network
+// thread: the stop and join that follow take far less than a lingering close would.
+TEST_F(ListenTest, ClosingAChannelStuckOnAZeroWindowNeverWaits) {
+  start_thread();
+  ASSERT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), 0);
+  const int port = listener_port();
+  ccm_wakeup_network(ccm_);
+  std::vector<int> clients;
+  for (const bool garbage : {true, false}) {
+    const int c = socket(AF_INET, SOCK_STREAM, 0);
+    const int tiny = 1;
+    setsockopt(c, SOL_SOCKET, SO_RCVBUF, &tiny, sizeof tiny);
+    sockaddr_in a{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    clients.push_back(c);
+    const int id = accepted_id(next_message());
+    ASSERT_GT(id, 0);
+    ccm_msg_t* big = ccm_msg_alloc_huge(ccm_, 1 << 20, &err_);
+    big->len = 1 << 20;
+    ccm_setaddr(big, id, 0, "", "", 0);
+    ccm_send_message_common(ccm_, big, "test");
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the window closes
+    if (garbage) {
+      ASSERT_EQ(write(c, "GET / HTTP/1.0\r\n\r\n", 18), 18);
+    } else {
+      shutdown(c, SHUT_WR);
+    }
+    ccm_msg_t* closed = next_message();
+    ASSERT_NE(closed, nullptr);
+    EXPECT_STREQ(reinterpret_cast<char*>(closed->msg_start), "CHANNEL_CLOSE");
+    ccm_msg_free(ccm_, closed);
+  }
+  const auto t0 = std::chrono::steady_clock::now();
+  ccm_thread_stop(ccm_);
+  pthread_join(ccm_->thread, nullptr);
+  running_ = false;
+  EXPECT_LT(seconds_since(t0), 5.0);
+  for (int c : clients)
+    close(c);
+}
+
+// Frames that claim the internal notices, or any internal message, come only from a trusted
+// local partner: over TCP each one ends the sender's channel with an error and reaches nobody;
+// the listener and the other connection stay as they were.
+TEST_F(ListenTest, ForgedInternalFramesDropTheSenderAndChangeNothing) {
+  start_thread();
+  ASSERT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), 0);
+  const int port = listener_port();
+  ccm_wakeup_network(ccm_);
+  const int honest = connect_client(port);
+  const int honest_id = accepted_id(next_message());
+  ASSERT_GT(honest_id, 0);
+  const auto notice = [](const char* type, int id) {
+    std::string rec(16, '\0');
+    rec.replace(0, std::strlen(type), type);
+    return frame(rec + std::string(reinterpret_cast<const char*>(&id), 4), "IPC");
+  };
+  const std::string forged[] = {
+      notice("CHANNEL_ACCEPT", honest_id), notice("CHANNEL_CLOSE", 1),  // the listener
+      notice("CHANNEL_CLOSE", honest_id),  notice("ROUTENAT", honest_id), ipc_frame(300, 3),
+  };
+  for (const std::string& f : forged) {
+    SCOPED_TRACE(testing::PrintToString(f.substr(48, 16)));
+    const int attacker = connect_client(port);
+    const int id = accepted_id(next_message());
+    ASSERT_GT(id, 0);
+    ASSERT_EQ(write(attacker, f.data(), f.size()), static_cast<ssize_t>(f.size()));
+    ccm_msg_t* m = next_message();  // the attacker's channel closed, nothing else
+    ASSERT_NE(m, nullptr);
+    ipcmsg_channel_close_t closed;
+    ASSERT_EQ(m->len, static_cast<int>(sizeof closed));
+    std::memcpy(static_cast<void*>(&closed), m->msg_start, sizeof closed);
+    ccm_msg_free(ccm_, m);
+    EXPECT_STREQ(closed.head.msgtype, "CHANNEL_CLOSE");
+    EXPECT_EQ(closed.ccmch.ID, id);
+    EXPECT_EQ(closed.ccmch.msgnr, CCM_MSGNR_RECEIVE_ERROR);
+    char byte;
+    EXPECT_EQ(read(attacker, &byte, 1), 0);
+    close(attacker);
+    EXPECT_EQ(port_of_channel(honest_id), local_port(honest));
+    EXPECT_GT(port_of_channel(1), -1);  // the listener
+  }
+  ccm_msg_t* extra = nullptr;
+  EXPECT_EQ(ccm_receive_message(ccm_, 0, &extra, &err_), 0);
+  EXPECT_EQ(extra, nullptr);
+  close(honest);
 }
 
 // One context listens and connects to itself: the accepted side greets with a native message,

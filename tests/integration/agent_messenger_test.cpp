@@ -1,11 +1,12 @@
 // Whole runs of qx_jpmd against fake agents: the frame of each event kind, hostile agents and
 // repeated runs that stress the end of a run; then the agent session in-process (attempts,
 // pauses, stale close notices, no context). Every run prints its report, exits with the job's
-// status, writes nothing to standard error and ends within (RETRY - 1) x 120 +
-// (RETRY + 1) x TIMEOUT + 5 seconds.
+// status, writes nothing to standard error, ends within (RETRY - 1) x 120 +
+// (RETRY + 1) x TIMEOUT + 5 seconds and stays within the README's memory bound.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 
 #include <memory>
 
@@ -22,12 +23,17 @@ using namespace agent_test;
 double time_bound(int retry, int timeout) {
   return (retry - 1) * 120.0 + (retry + 1) * timeout + 5.0;
 }
+// The README's memory bound of a run with one attempt (more attempts may take more).
+constexpr long kRunMemoryBoundKb = 44 * 1024;
 
 void expect_sound_run(const RunResult& run, int want_status, double bound) {
   EXPECT_TRUE(run.exited) << "signal " << run.signal;
   EXPECT_EQ(run.status, want_status);
   EXPECT_EQ(run.err, "");
   EXPECT_LE(run.secs, bound);
+  if (!qxtest::kSanitizerBuild) {
+    EXPECT_LT(run.max_rss_kb, kRunMemoryBoundKb);
+  }
 }
 
 Bytes status_body(int job, int client, char status, const std::string& text, int ret) {
@@ -148,6 +154,7 @@ TEST(AgentMessenger, HostileAgents) {
       {"length not a number", sends(with_length("00x00060")), false, kInvalid},
       {"length below the header", sends(with_length("00000010")), false, kInvalid},
       {"huge length", sends(with_length("99999999")), false, kInvalid},
+      {"answers with an internal frame", sends(ipc_notice("CHANNEL_CLOSE", 2)), false, kInvalid},
       {"greets byte by byte", byte_by_byte, true, kNormal, 5},
       {"never replies", [](int& fd) { write_all(fd, native_frame("mute")); }, true, kNormal},
   };
@@ -232,6 +239,62 @@ TEST(AgentMessenger, ClosedOrBrokenStandardDescriptors) {
       if (fd >= 0 && fd != broken[1]) close(fd);
   }
   close(broken[1]);
+// An agent that greets and then never reads, so that its window closes with part of the job
+// message unsent, and then sends garbage or half-closes: the run ends at once (a close that
+// lingered would hold it for a minute), and the system still delivers the whole job message
+// once the agent reads.
+TEST(AgentMessenger, AgentWithAClosedWindowNeverHoldsTheRun) {
+  const std::string value(1023, 'v');  // the largest job message: 1,584 bytes
+  for (const bool garbage : {true, false}) {
+    SCOPED_TRACE(garbage ? "garbage" : "half-close");
+    FakeAgent agent(
+        [&](FakeAgent& self, int& fd, int) {
+          write_all(fd, native_frame("QX7 agent"));
+          usleep(300 * 1000);  // the job message fills the window
+          if (garbage) {
+            write_all(fd, frame("\x05\x01x"));
+          } else {
+            shutdown(fd, SHUT_WR);
+          }
+          usleep(3000 * 1000);  // reading opens the window: only after the run has ended
+          Bytes rest;
+          wait_eof(fd, 10000, &rest);
+          self.keep(rest);
+        },
+        0, 1);
+    const RunResult run = run_messenger(
+        agent.port(), {"TYP=V", "JNR=5", "NAME=BIG", "VALUE=" + value, "RETRY=1", "TIMEOUT=5"});
+    expect_sound_run(run, 0, time_bound(1, 5));
+    EXPECT_LT(run.secs, 2.5);
+    const std::vector<Bytes> kept = agent.frames();
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(kept[0].size(), 1584u);
+  }
+}
+
+// A job started by a process that holds 1,100 open descriptors: the run's pipes and socket lie
+// above FD_SETSIZE, and its event still arrives.
+TEST(AgentMessenger, ManyInheritedDescriptors) {
+  constexpr int kInherited = 1100;
+  rlimit old{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+  rlimit raised = old;
+  raised.rlim_cur = std::max<rlim_t>(old.rlim_cur, 2048);
+  if (raised.rlim_cur > old.rlim_max) GTEST_SKIP() << "hard limit below 2048 descriptors";
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+  std::vector<int> held;
+  for (int i = 0; i < kInherited; i++)
+    held.push_back(open("/dev/null", O_RDONLY));  // inherited: no O_CLOEXEC
+  FakeAgent agent(good_agent);
+  const RunResult run = run_messenger(agent.port(), {"TYP=E", "JNR=3", "RET=6", "TIMEOUT=5"});
+  for (int fd : held)
+    close(fd);
+  setrlimit(RLIMIT_NOFILE, &old);
+  EXPECT_GT(held.back(), 1100);
+  expect_sound_run(run, 6, time_bound(3, 5));
+  const std::vector<Bytes> frames = agent.frames();
+  ASSERT_EQ(frames.size(), 1u);
+  EXPECT_EQ(frames[0].size(), 339u);
 }
 
 // The greeting and a second frame arrive in one segment, so the second is queued before the
@@ -455,6 +518,38 @@ TEST_F(AgentSessionTest, NextAddressWhenTheFirstIsRefused) {
     EXPECT_LT(elapsed_ms_, 3000);
   }
   ccm_resolver = ccm_resolver_default;
+}
+
+// The first attempt is answered wrongly and the agent then floods 48-byte frames during the
+// pause, while nobody takes them: the run's memory stays small and the second attempt
+// delivers the event.
+TEST_F(AgentSessionTest, FloodDuringThePauseStaysBounded) {
+  FakeAgent agent([](FakeAgent& self, int& fd, int index) {
+    if (index > 0) return good_agent(self, fd, index);
+    write_all(fd, native_frame("wrong", 7));
+    const Bytes small = frame("");
+    Bytes burst;
+    for (int i = 0; i < 1000; i++)
+      burst.insert(burst.end(), small.begin(), small.end());
+    // Until the connection is closed, or the writes stop moving (flow control).
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    for (long long idle_since = now_ms(); now_ms() - idle_since < 2 * kPauseMs;) {
+      const ssize_t w = send(fd, burst.data(), burst.size(), MSG_NOSIGNAL);
+      if (w > 0) idle_since = now_ms();
+      if (w < 0 && errno != EAGAIN && errno != EINTR) break;
+      if (w <= 0) usleep(2000);
+    }
+  });
+  qxtest::reset_peak_memory();
+  const long before_kb = qxtest::peak_memory_kb();
+  EXPECT_EQ(run(2, agent.port()), 9);
+  EXPECT_NE(pcx_.agentID, 0);
+  EXPECT_EQ(agent.connections(), 2);
+  EXPECT_LT(elapsed_ms_, kPauseMs + 5000);
+  // A thousand frames held unread cost about a megabyte, far below the README's bound.
+  if (!qxtest::kSanitizerBuild) {
+    EXPECT_LT(qxtest::peak_memory_kb() - before_kb, 16 * 1024);
+  }
 }
 
 // Without a connection manager the run ends at once with the job's status.

@@ -190,6 +190,38 @@ TEST(AgentSimulator, StalledOutputNeitherStopsServingNorTheStop) {
   close(out[0]);
 }
 
+// Frames that claim the internal notices, or any internal message, sent over TCP change
+// nothing: each sender is dropped, the client greeted before gets nothing more, the listener
+// stays, and a messenger run afterwards is served.
+TEST(AgentSimulator, ForgedInternalFramesDropTheSender) {
+  Simulator sim;
+  int port = sim.port();
+  const int first = loopback_socket(&port, false);  // channel 2; the listener is channel 1
+  Bytes greeting;
+  ASSERT_TRUE(read_frame(first, &greeting));
+  const Bytes forged[] = {ipc_notice("CHANNEL_ACCEPT", 2), ipc_notice("CHANNEL_ACCEPT", 1),
+                          ipc_notice("CHANNEL_CLOSE", 1), ipc_notice("CHANNEL_CLOSE", 2),
+                          ipc_notice("ROUTENAT", 2)};
+  for (const Bytes& f : forged) {
+    SCOPED_TRACE(std::string(f.begin() + 48, f.begin() + 62));
+    int p = sim.port();
+    const int attacker = loopback_socket(&p, false);
+    ASSERT_TRUE(read_frame(attacker, &greeting));
+    write_all(attacker, f);
+    EXPECT_TRUE(wait_eof(attacker, 5000));
+    close(attacker);
+  }
+  Bytes extra;
+  EXPECT_FALSE(read_frame(first, &extra, 300)) << "a second greeting";
+  const RunResult run = run_messenger(sim.port(), {"TYP=S", "JNR=9", "RETRY=1", "TIMEOUT=5"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_LT(run.secs, 5.0);
+  close(first);
+  EXPECT_EQ(sim.stop(), 0);
+  ASSERT_EQ(sim.lines().size(), 2u);  // "listening on ..." and the messenger's event
+  EXPECT_NE(sim.lines()[1].find("job=9"), std::string::npos) << sim.lines()[1];
+}
+
 // A wrong command line prints the short usage and exits with 2; asking for help prints every
 // flag and exits with 0 without listening.
 TEST(AgentSimulator, CommandLinesThatDoNotServe) {

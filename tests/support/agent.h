@@ -30,9 +30,9 @@ using qxtest::run_program;
 using qxtest::RunResult;
 
 // A frame: the 48-byte header, then `body`.
-inline Bytes frame(const std::string& body) {
+inline Bytes frame(const std::string& body, const char* protocol = "NAT") {
   char h[49];
-  snprintf(h, sizeof h, "%08zuQX7:global001NAT%24s", 48 + body.size(), "");
+  snprintf(h, sizeof h, "%08zuQX7:global001%.3s%24s", 48 + body.size(), protocol, "");
   const std::string f = h + body;
   return Bytes(f.begin(), f.end());
 }
@@ -47,6 +47,14 @@ inline Bytes nat_frame(const std::string& dst, const Bytes& payload) {
     len[i] = static_cast<char>(payload.size() >> (8 * i));
   return frame("\x01\x08" + (dst + "        ").substr(0, 8) + "\xFF" + len +
                std::string(payload.begin(), payload.end()));
+}
+
+// An internal frame: the 16-byte type (NUL-padded) and a 4-byte channel ID, as the notices
+// of a closed or accepted channel begin.
+inline Bytes ipc_notice(const char* type, int id) {
+  std::string rec(16, '\0');
+  rec.replace(0, strlen(type), type);
+  return frame(rec + std::string(reinterpret_cast<const char*>(&id), 4), "IPC");
 }
 
 inline bool write_all(int fd, const Bytes& b) {
@@ -133,9 +141,13 @@ class FakeAgent {
  public:
   using Script = std::function<void(FakeAgent& agent, int& fd, int index)>;
 
-  explicit FakeAgent(Script script, int port = 0) : script_(std::move(script)), port_(port) {
+  // A `rcvbuf` other than 0 sets the receive buffer of every connection it accepts (a tiny one
+  // makes an agent whose window closes while it does not read).
+  explicit FakeAgent(Script script, int port = 0, int rcvbuf = 0)
+      : script_(std::move(script)), port_(port) {
     listen_fd_ = loopback_socket(&port_, true);
     if (listen_fd_ < 0) ADD_FAILURE() << "no loopback port for the fake agent";
+    if (rcvbuf != 0) setsockopt(listen_fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
     if (listen_fd_ >= 0) thread_ = std::thread([this] { serve(); });
   }
   ~FakeAgent() {

@@ -6,11 +6,14 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -45,6 +48,32 @@ inline std::string read_all(int fd) {
   return text;
 }
 
+// Sanitizers keep shadow memory and quarantines of their own: resident memory says nothing
+// about the program's there.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kSanitizerBuild = true;
+#else
+inline constexpr bool kSanitizerBuild = false;
+#endif
+
+// The peak resident memory of this process in KiB (VmHWM), since start or the last
+// reset_peak_memory; -1 when unknown.
+inline long peak_memory_kb() {
+  const int fd = open("/proc/self/status", O_RDONLY | O_CLOEXEC);
+  char text[4096] = {};
+  const ssize_t n = fd >= 0 ? read(fd, text, sizeof text - 1) : -1;
+  if (fd >= 0) close(fd);
+  const char* at = n > 0 ? strstr(text, "VmHWM:") : nullptr;
+  return at != nullptr ? atol(at + 6) : -1;
+}
+inline void reset_peak_memory() {
+  const int fd = open("/proc/self/clear_refs", O_WRONLY | O_CLOEXEC);
+  if (fd >= 0 && write(fd, "5", 1) != 1) {
+    // An older kernel keeps the peak: the measure is then only coarser.
+  }
+  if (fd >= 0) close(fd);
+}
+
 struct RunResult {
   bool exited = false;  // ended by exit (not by a signal, not killed for running too long)
   int status = -1;      // exit status when `exited`, else -1
@@ -52,6 +81,7 @@ struct RunResult {
   std::string out;      // standard output
   std::string err;      // standard error
   double secs = 0;      // from start to exit
+  long max_rss_kb = 0;  // peak resident memory
 };
 
 // In `fds` of spawn: the descriptor is closed in the child.
@@ -76,9 +106,12 @@ inline pid_t spawn(std::vector<std::string> args, const std::vector<int>& fds) {
 }
 
 // Waits for the child to end until `deadline` (of now_ms); false when it is still running.
-inline bool reap(pid_t pid, long long deadline, int* st) {
-  for (; waitpid(pid, st, WNOHANG) == 0; usleep(1000))
+// `max_rss_kb`, when given, receives the child's peak resident memory.
+inline bool reap(pid_t pid, long long deadline, int* st, long* max_rss_kb = nullptr) {
+  rusage ru{};
+  for (; wait4(pid, st, WNOHANG, &ru) == 0; usleep(1000))
     if (now_ms() >= deadline) return false;
+  if (max_rss_kb != nullptr) *max_rss_kb = ru.ru_maxrss;
   return true;
 }
 
@@ -91,7 +124,7 @@ inline RunResult run_program(const std::string& program, std::vector<std::string
   const long long start = now_ms();
   const pid_t pid = spawn(args, fds);
   int st = 0;
-  const bool killed = !reap(pid, start + limit_secs * 1000LL, &st);
+  const bool killed = !reap(pid, start + limit_secs * 1000LL, &st, &run.max_rss_kb);
   if (killed) {
     kill(pid, SIGKILL);
     waitpid(pid, &st, 0);
