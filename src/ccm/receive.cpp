@@ -44,7 +44,7 @@ void release_unread(ccm_context_t* ccm, ccm_msg_t* m) {
   m->flag &= ~CCM_MSGFLAG_UNREAD;
   bool wake = false;
   {
-    ChannelLock lock(ccm);
+    ccm_spin_guard lock(ccm->channel_lock);  // untraced: one look per message taken
     ccm_channel_t* ch = ccm->channelq.head;
     while (ch != nullptr && ch->ID != m->addr.src_ID)
       ch = ch->nxt;
