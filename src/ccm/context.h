@@ -100,13 +100,15 @@ int ccmch_queue_unlock(ccm_context_t* ccm, ccm_channel_t* ccmch);
 int ccm_channel_lock(ccm_context_t* ccm);
 int ccm_channel_unlock(ccm_context_t* ccm);
 
-// Creates both wake-up pipes, closing any still open first; 0, or -1 with `ccmerr` filled.
+// Creates both wake-up pipes, closing any still open first; both ends of each are
+// non-blocking and closed on exec. 0, or -1 with `ccmerr` filled.
 int ccm_create_wakeup_pipes(ccm_context_t* ccm, ccm_error_t* ccmerr);
 // Closes both wake-up pipes; 0.
 int ccm_close_wakeup_pipes(ccm_context_t* ccm);
-// Writes 'N' to the network wake-up pipe; a null context does nothing; 0.
+// Writes 'N' to the network wake-up pipe; a null context does nothing; 0. Never blocks: a
+// full pipe already holds a wake-up that the thread has not taken yet.
 int ccm_wakeup_network(ccm_context_t* ccm);
-// Writes 'P' to the processor wake-up pipe; a null context does nothing; 0.
+// Writes 'P' to the processor wake-up pipe, like ccm_wakeup_network.
 int ccm_wakeup_processor(ccm_context_t* ccm);
 
 #endif  // QX_CCM_CONTEXT_H_
