@@ -81,7 +81,7 @@ struct RunResult {
   std::string out;      // standard output
   std::string err;      // standard error
   double secs = 0;      // from start to exit
-  long max_rss_kb = 0;  // peak resident memory
+  long max_rss_kb = 0;  // peak resident memory; Linux counts this process's at the fork too
 };
 
 // In `fds` of spawn: the descriptor is closed in the child.
