@@ -239,6 +239,8 @@ TEST(AgentMessenger, ClosedOrBrokenStandardDescriptors) {
       if (fd >= 0 && fd != broken[1]) close(fd);
   }
   close(broken[1]);
+}
+
 // An agent that greets and then never reads, so that its window closes with part of the job
 // message unsent, and then sends garbage or half-closes: the run ends at once (a close that
 // lingered would hold it for a minute), and the system still delivers the whole job message
