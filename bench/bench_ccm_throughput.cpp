@@ -91,7 +91,7 @@ struct CcmLink {
   CcmLink() {
     app.running_mode = 3;
     ccm_error_t err{};
-    if (ccm_open(&app, &ccm, &err) != 0 || ccm_thread_start(ccm, &err) != 0) return;
+    if (ccm_session_open(&app, &ccm, &err) != 0) return;
     if (ccm_create_listen(ccm, "127.0.0.1", 0, 4, &err) != 0) return;
     ccm_channel_t* l = ccm_channel_getbyName(ccm, "*LISTEN");
     sockaddr_in a{};
@@ -110,6 +110,13 @@ struct CcmLink {
       }
     }
   }
+  ~CcmLink() {
+    if (peer >= 0) close(peer);
+    ccm_error_t err{};
+    ccm_session_close(ccm, &err);
+  }
+  CcmLink(const CcmLink&) = delete;
+  CcmLink& operator=(const CcmLink&) = delete;
 };
 
 CcmLink& link() {

@@ -573,13 +573,13 @@ int main(int argc, char** argv) {
   app.running_mode = 0;
   ccm_context_t* ccm = nullptr;
   ccm_error_t err{};
-  if (ccm_open(&app, &ccm, &err) != 0) {
-    printf("cannot open the connection manager: %s\n", err.msginsert);
-    return 2;
-  }
-  if (ccm_thread_start(ccm, &err) != 0) {
-    printf("cannot start the network thread: %s\n", err.msginsert);
-    ccm_close(ccm, &err);
+  if (ccm_session_open(&app, &ccm, &err) != 0) {
+    if (ccm == nullptr) {
+      printf("cannot open the connection manager: %s\n", err.msginsert);
+    } else {
+      printf("cannot start the network thread: %s\n", err.msginsert);
+      ccm_session_close(ccm, &err);
+    }
     return 2;
   }
   if (ccm_create_listen(ccm, o.addr.c_str(), o.port, kListenBacklog, &err) != 0) {
@@ -612,18 +612,8 @@ int main(int argc, char** argv) {
   for (int i = 0; i < 300 && !ccm_is_all_sendq_empty(ccm); i++) {
     usleep(1000);
   }
-  ccm_thread_stop(ccm);
-  pthread_join(ccm->thread, nullptr);
-  ccm_channel_lock(ccm);
-  ccm_channel_merge_newq(ccm);
-  // No close may wait for a client to take what is still unsent.
-  for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
-    linger lg{};
-    setsockopt(ch->s, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
-  }
-  ccm_channel_unlock(ccm);
-  ccm_channel_closeall(ccm);
-  ccm_close(ccm, &err);
+  // A close never waits for a client to take what is still unsent.
+  ccm_session_close(ccm, &err);
   // A standard output that stays stalled gets the rest of the grace time; the alarm ends the
   // process then, or at the latest here (its writer may never return).
   if (g_exit_status == 0 && !g_out.finish(kStopGraceSecs * 1000)) _exit(g_exit_status);

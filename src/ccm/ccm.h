@@ -13,5 +13,6 @@
 #include "ccm/listen.h"
 #include "ccm/message.h"
 #include "ccm/net_thread.h"
+#include "ccm/session.h"
 
 #endif  // QX_CCM_CCM_H_

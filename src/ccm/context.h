@@ -64,6 +64,7 @@ struct ccm_context_t {
   int nof_freemsg;
   pthread_t thread;
   pthread_attr_t thread_attr;
+  int thread_started;  // 1 from a successful ccm_thread_start until ccm_thread_join
   int loop;  // 1 while the network thread shall run; read and written with atomic operations
   int unique_channel_ID;
   int unique_msg_ID;

@@ -146,6 +146,7 @@ int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* ccmerr) {
     QX_TRACE("%s <-- (pthread_create() error)", __func__);
     return -1;
   }
+  ccm->thread_started = 1;
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }

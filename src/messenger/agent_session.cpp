@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -15,6 +14,7 @@
 #include "ccm/ipc.h"
 #include "ccm/net_thread.h"
 #include "ccm/receive.h"
+#include "ccm/session.h"
 #include "common/trace_log.h"
 #include "messenger/job_messages.h"
 
@@ -171,17 +171,6 @@ void agent_channel_close_without_waiting(int agentID) {
   ccm_channel_unlock(ccm);
 }
 
-// After the join the main thread owns every channel. Channels entered after the network
-// thread's last merge join the list here, so that closing all of them reaches them too.
-void prepare_channels_for_close() {
-  ccm_channel_lock(ccm);
-  ccm_channel_merge_newq(ccm);
-  for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
-    close_without_waiting(ch->s);
-  }
-  ccm_channel_unlock(ccm);
-}
-
 // Keeps the run's two threads on the processor the run started on, for as long as it lives,
 // and gives the caller its former processor set back at the end. The threads hand every step
 // to each other (connect, greeting, job message, reply, stop); on one processor each hand-over
@@ -256,18 +245,15 @@ int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
   ccmmsg = nullptr;
   // Without a context or a network thread there is nothing to connect with: the run ends
   // with its exit status and touches no context that was not made.
-  if (ccm_open(pcx, &ccm, &err) != 0) {
-    QX_TRACE("%s:      connection manager could not be opened (%d: %s)", kMain, err.msgnr,
-             err.msginsert);
-    ccm = nullptr;
-    pcx->abnormal_end = 1;
-    trace_end(pcx);
-    return exit_status(pcx);
-  }
-  if (ccm_thread_start(ccm, &err) != 0) {
-    QX_TRACE("%s:      network thread could not be started (%d: %s)", kMain, err.msgnr,
-             err.msginsert);
-    ccm_close(ccm, &err);
+  if (ccm_session_open(pcx, &ccm, &err) != 0) {
+    if (ccm == nullptr) {
+      QX_TRACE("%s:      connection manager could not be opened (%d: %s)", kMain, err.msgnr,
+               err.msginsert);
+    } else {
+      QX_TRACE("%s:      network thread could not be started (%d: %s)", kMain, err.msgnr,
+               err.msginsert);
+      ccm_session_close(ccm, &err);
+    }
     ccm = nullptr;
     pcx->abnormal_end = 1;
     trace_end(pcx);
@@ -337,11 +323,7 @@ int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
     agent_channel_close_without_waiting(pcx->agentID);
     ccm_channel_deletebyID(ccm, pcx->agentID);
   }
-  ccm_thread_stop(ccm);
-  pthread_join(ccm->thread, nullptr);
-  prepare_channels_for_close();
-  ccm_channel_closeall(ccm);
-  ccm_close(ccm, &err);
+  ccm_session_close(ccm, &err);
   ccm = nullptr;
   trace_end(pcx);
   return exit_status(pcx);

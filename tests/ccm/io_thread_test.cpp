@@ -293,6 +293,7 @@ class NetThreadTest : public CcmTest {
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += 5;
     running_ = pthread_timedjoin_np(ccm_->thread, nullptr, &deadline) != 0;
+    if (!running_) ccm_->thread_started = 0;
     return !running_;
   }
 };
@@ -855,7 +856,7 @@ TEST_F(ListenTest, ClosingAChannelStuckOnAZeroWindowNeverWaits) {
   }
   const auto t0 = std::chrono::steady_clock::now();
   ccm_thread_stop(ccm_);
-  pthread_join(ccm_->thread, nullptr);
+  ccm_thread_join(ccm_);
   running_ = false;
   EXPECT_LT(seconds_since(t0), 5.0);
   for (int c : clients)

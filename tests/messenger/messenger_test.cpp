@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "ccm/ccm.h"
 #include "ccm/internal.h"
 #include "common/trace_log.h"
 #include "messenger/agent_session.h"
@@ -152,7 +153,7 @@ TEST(JobMessages, NothingQueuedOnFailure) {
             std::vector<int>({-1, -1, -1}));
   ccm_alloc = ccm_alloc_default;
   EXPECT_EQ(ccm->sendq.head, nullptr);
-  ccm_close(ccm, &err);
+  ccm_session_close(ccm, &err);
   ccm = nullptr;
 }
 

@@ -108,13 +108,7 @@ class CcmTest : public ::testing::Test {
 
   void TearDown() override {
     if (ccm_ == nullptr) return;
-    if (running_) {
-      ccm_thread_stop(ccm_);
-      pthread_join(ccm_->thread, nullptr);
-    }
-    merge_newq();
-    ccm_channel_closeall(ccm_);
-    ccm_close(ccm_, &err_);
+    ccm_session_close(ccm_, &err_);
   }
 
   void start_thread() {
