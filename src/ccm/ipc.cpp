@@ -1,6 +1,8 @@
 // Delivery of internal messages to the own processing thread.
 #include "ccm/ipc.h"
 
+#include <cstring>
+
 #include "ccm/internal.h"
 #include "common/trace_log.h"
 
@@ -24,4 +26,18 @@ int send_IPC_internal(ccm_context_t* ccm, ccm_msg_t* ccmmsg) {
   ccm_wakeup_processor(ccm);
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
+}
+
+int ccm_close_notice_channelID(const ccm_msg_t* ccmmsg) {
+  if (ccmmsg->type != CCM_MSG_IPC) return -1;
+  if (ccmmsg->len < static_cast<int>(sizeof(ipcmsg_channel_close_t))) return -1;
+  char type[CCM_IPC_TYPE_SIZE] = {};
+  std::memcpy(type, ccmmsg->msg_start, sizeof type);
+  if (std::memcmp(type, IPCMSG_CHANNEL_CLOSE, sizeof IPCMSG_CHANNEL_CLOSE) != 0) return -1;
+  int id;
+  std::memcpy(
+      &id,
+      ccmmsg->msg_start + offsetof(ipcmsg_channel_close_t, ccmch) + offsetof(ccm_channel_t, ID),
+      sizeof id);
+  return id;
 }

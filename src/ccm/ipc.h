@@ -41,4 +41,8 @@ static_assert(sizeof(ipcmsg_channel_close_t) <= 2 * CCM_MSG_POOL_SIZE - CCM_MSG_
 // `msgq_inuse` to the end of `recvq` and wakes the processing thread. 0.
 int send_IPC_internal(ccm_context_t* ccm, ccm_msg_t* ccmmsg);
 
+// The ID of the channel a received "CHANNEL_CLOSE" notice is about (the ID in the channel
+// record it carries); -1 for any other message, and for a notice too short to hold the record.
+int ccm_close_notice_channelID(const ccm_msg_t* ccmmsg);
+
 #endif  // QX_CCM_IPC_H_

@@ -1,8 +1,11 @@
 #include "ccm/receive.h"
 
+#include <poll.h>
 #include <sys/select.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -85,6 +88,20 @@ void set_eyec(ccm_addr_t* a) {
   std::memcpy(a->eyec, kAddrEyec, sizeof a->eyec);
 }
 
+long long monotonic_ms() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Sleeps `ms` milliseconds; a signal does not shorten the pause.
+void pause_ms(long long ms) {
+  if (ms <= 0) return;
+  timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
 }  // namespace
 
 int ccm_receive_message(ccm_context_t* ccm, int stimeout, ccm_msg_t** ccmmsg, ccm_error_t* ccmerr) {
@@ -106,6 +123,24 @@ int ccm_receive_message(ccm_context_t* ccm, int stimeout, ccm_msg_t** ccmmsg, cc
   *ccmmsg = m;
   QX_TRACE("%s <-- (OK(ccmmsg=%p))", __func__, (void*)m);
   return 1;
+}
+
+int ccm_receive_message_ms(ccm_context_t* ccm, long long timeout_ms, ccm_msg_t** ccmmsg,
+                           ccm_error_t* ccmerr) {
+  const int r = ccm_receive_message(ccm, 0, ccmmsg, ccmerr);
+  if (r != 0 || timeout_ms <= 0) return r;
+  // The network thread announces each queued message with one byte on the processor wake-up
+  // pipe; the byte stays for the next look, which takes it together with the message.
+  static constexpr long long kLongestWaitMs = 1000LL * 3600;
+  pollfd pfd{ccm->processor_wakeup[0], POLLIN, 0};
+  if (poll(&pfd, 1, static_cast<int>(std::min(timeout_ms, kLongestWaitMs))) < 0) {
+    const int err = errno;
+    if (err == EINTR) return 0;
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "poll(processor_wakeup(%d))|%d-%s", pfd.fd, err,
+                  std::strerror(err));
+    return -1;
+  }
+  return 0;
 }
 
 int ccm_wait_processor(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
@@ -223,6 +258,27 @@ int ccm_get_nof_channels(ccm_context_t* ccm) {
   const int n = count_channels(ccm, [](int t) { return t != CCM_CHTYPE_NOSOCKET; });
   QX_TRACE("%s <-- (nof channels=%d)", __func__, n);
   return n;
+}
+
+int ccm_get_recvq_count(ccm_context_t* ccm) {
+  int n = 0;
+  QueueLock lock(ccm);
+  for (ccm_msg_t* m = ccm->recvq.head; m != nullptr; m = m->nxt)
+    ++n;
+  return n;
+}
+
+int ccm_drain_sendq(ccm_context_t* ccm, int ID, long long timeout_ms) {
+  const long long deadline = monotonic_ms() + timeout_ms;
+  long long step = 1;
+  while (!ccm_is_all_sendq_empty(ccm)) {
+    if (!ccm_channel_existbyID(ccm, ID)) return -1;
+    const long long left = deadline - monotonic_ms();
+    if (left <= 0) return 0;
+    pause_ms(std::min(step, left));
+    step = std::min(step * 2, 50LL);
+  }
+  return 1;
 }
 
 int ccm_get_sendq_count(ccm_context_t* ccm) {

@@ -22,6 +22,14 @@
 // channel left unread for them is read again once it is back within the bounds.
 int ccm_receive_message(ccm_context_t* ccm, int stimeout, ccm_msg_t** ccmmsg, ccm_error_t* ccmerr);
 
+// Like ccm_receive_message without a wait, and when nothing was there, waits up to
+// `timeout_ms` milliseconds (none when it is 0 or less) for the network thread to announce the
+// next message, without taking it: the next call takes it. 1 with the oldest received message
+// in *ccmmsg; 0 with null (look again); -1 with `ccmerr` filled when either wait failed. The
+// wait itself is not traced. A wait longer than an hour is cut to an hour.
+int ccm_receive_message_ms(ccm_context_t* ccm, long long timeout_ms, ccm_msg_t** ccmmsg,
+                           ccm_error_t* ccmerr);
+
 // Waits at most `stimeout` seconds for the processor wake-up pipe and takes every byte
 // waiting in it. 0 on wake-up, time-out or interruption; -1 (2000102) when select fails or the pipe
 // is not open.
@@ -44,10 +52,20 @@ int ccm_get_nof_connections(ccm_context_t* ccm);
 int ccm_get_nof_agent_connections(ccm_context_t* ccm);
 int ccm_get_nof_channels(ccm_context_t* ccm);
 
+// Messages waiting in the context's `recvq` (received and not yet taken). Traces nothing but
+// its use of the queue lock.
+int ccm_get_recvq_count(ccm_context_t* ccm);
+
 // Messages waiting in the context's `sendq` (not yet handed to a channel).
 int ccm_get_sendq_count(ccm_context_t* ccm);
 
 // 1 when neither the context's `sendq` nor the `sendq` of any live channel holds a message.
 int ccm_is_all_sendq_empty(ccm_context_t* ccm);
+
+// Lets the network thread write what is queued, until every send queue is empty (1), channel
+// `ID` no longer exists (-1), or `timeout_ms` milliseconds passed (0). Each look is
+// ccm_is_all_sendq_empty and then ccm_channel_existbyID; the pauses between looks grow from
+// 1 to 50 milliseconds.
+int ccm_drain_sendq(ccm_context_t* ccm, int ID, long long timeout_ms);
 
 #endif  // QX_CCM_RECEIVE_H_

@@ -1,7 +1,6 @@
 #include "messenger/agent_session.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -48,19 +47,10 @@ void pause_ms(long long ms) {
   }
 }
 
-// The channel a received message or notice belongs to: the channel record copied into a
-// close notice, or the channel the message was read from. -1 for any other internal message.
+// The channel a received message or notice belongs to: the channel a close notice is about,
+// or the channel the message was read from. -1 for any other internal message.
 int channel_of(const ccm_msg_t* msg) {
-  if (msg->type != CCM_MSG_IPC) return msg->addr.src_ID;
-  if (msg->len < static_cast<int>(sizeof(ipcmsg_channel_close_t))) return -1;
-  char type[CCM_IPC_TYPE_SIZE] = {};
-  memcpy(type, msg->msg_start, sizeof type);
-  if (memcmp(type, IPCMSG_CHANNEL_CLOSE, sizeof IPCMSG_CHANNEL_CLOSE) != 0) return -1;
-  int id;
-  memcpy(&id,
-         msg->msg_start + offsetof(ipcmsg_channel_close_t, ccmch) + offsetof(ccm_channel_t, ID),
-         sizeof id);
-  return id;
+  return msg->type == CCM_MSG_IPC ? ccm_close_notice_channelID(msg) : msg->addr.src_ID;
 }
 
 bool is_close_notice(const ccm_msg_t* msg) {
@@ -68,16 +58,6 @@ bool is_close_notice(const ccm_msg_t* msg) {
 }
 
 enum class WaitResult { kMessage, kTimeout, kFailed };
-
-// Messages waiting in the receive queue.
-int received_count() {
-  int n = 0;
-  ccm_queue_lock(ccm);
-  for (ccm_msg_t* m = ccm->recvq.head; m != nullptr; m = m->nxt)
-    n++;
-  ccm_queue_unlock(ccm);
-  return n;
-}
 
 // Called on every step of a wait; tests set it through the session's timing.
 void (*wait_step_hook)() = nullptr;
@@ -92,14 +72,15 @@ void (*wait_step_hook)() = nullptr;
 WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** out,
                                 int* early = nullptr) {
   *out = nullptr;
-  int queued_at_start = received_count();
+  int queued_at_start = ccm_get_recvq_count(ccm);
   // After a message was set aside: whether the wait is over although more may be queued.
   auto past_deadline = [&] { return queued_at_start-- <= 0 && now_ms() >= deadline; };
   for (;;) {
     if (wait_step_hook != nullptr) wait_step_hook();
     ccm_error_t err{};
     ccm_msg_t* msg = nullptr;
-    int r = ccm_receive_message(ccm, 0, &msg, &err);
+    const long long left = deadline - now_ms();
+    int r = ccm_receive_message_ms(ccm, left, &msg, &err);
     if (r < 0) return WaitResult::kFailed;
     if (r > 0 && msg != nullptr) {
       int id = channel_of(msg);
@@ -122,13 +103,7 @@ WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** o
       if (past_deadline()) return WaitResult::kTimeout;
       continue;
     }
-    long long left = deadline - now_ms();
     if (left <= 0) return WaitResult::kTimeout;
-    // The network thread announces each queued message with one byte on the processor
-    // wake-up pipe; the next look above takes the byte and the message.
-    pollfd pfd{ccm->processor_wakeup[0], POLLIN, 0};
-    int pr = poll(&pfd, 1, static_cast<int>(std::min<long long>(left, 1000LL * 3600)));
-    if (pr < 0 && errno != EINTR) return WaitResult::kFailed;
   }
 }
 
@@ -136,21 +111,16 @@ WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** o
 // Returns true when nothing is left to write. In a run whose reply came this returns at the
 // first look: the reply proves the job message was written.
 bool drain_send_queues(int agentID, long long deadline) {
-  long long step = 1;
-  while (!ccm_is_all_sendq_empty(ccm)) {
-    if (!ccm_channel_existbyID(ccm, agentID)) {
+  switch (ccm_drain_sendq(ccm, agentID, deadline - now_ms())) {
+    case -1:
       QX_TRACE("%s:      job message not written: the connection to the agent failed", kMain);
       return false;
-    }
-    long long left = deadline - now_ms();
-    if (left <= 0) {
+    case 0:
       QX_TRACE("%s:      job message not written within the time-out", kMain);
       return false;
-    }
-    pause_ms(std::min(step, left));
-    step = std::min(step * 2, 50LL);
+    default:
+      return true;
   }
-  return true;
 }
 
 // Turns lingering off on a socket, so that its close returns at once; the system still
@@ -218,13 +188,13 @@ void trace_end(const PCX* pcx) {
 void send_job_message(PCX* pcx) {
   switch (pcx->melder_type) {
     case kMelderOutputView:
-      SendOutputViewMsg(pcx);
+      SendOutputViewMsg(ccm, pcx);
       break;
     case kMelderVariable:
-      SendRegVariableMsg(pcx);
+      SendRegVariableMsg(ccm, pcx);
       break;
     default:
-      SendJpMd(pcx);
+      SendJpMd(ccm, pcx);
       break;
   }
 }
@@ -299,7 +269,7 @@ int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
     ccm_msg_free(ccm, ccmmsg);
     ccmmsg = nullptr;
     // Frames the agent sent along with its greeting are already queued: no reply among them.
-    int early = received_count();
+    int early = ccm_get_recvq_count(ccm);
     send_job_message(pcx);
 
     // The reply and the writing of the job message share one time-out. A reply comes only

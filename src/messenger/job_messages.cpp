@@ -9,7 +9,6 @@
 #include "common/convert.h"
 #include "common/dates.h"
 #include "common/trace_log.h"
-#include "messenger/agent_session.h"
 
 namespace {
 
@@ -83,7 +82,7 @@ void put_time(unsigned char* body, size_t off, size_t off_t, const DATUM_BUFF& d
 
 // Takes a message for a MELD body of 276 cleared bytes with its head written. Null when the
 // connection manager has no message to give (out of memory): the caller then sends nothing.
-ccm_msg_t* new_meld_message(const PCX* pcx) {
+ccm_msg_t* new_meld_message(ccm_context_t* ccm, const PCX* pcx) {
   ccm_error_t err{};
   ccm_msg_t* msg = ccm_msg_alloc(ccm, &err);
   if (msg == nullptr) return nullptr;
@@ -95,7 +94,7 @@ ccm_msg_t* new_meld_message(const PCX* pcx) {
 }
 
 // Addresses the message to the agent's channel and hands it to the send path.
-void send_meld_message(const PCX* pcx, ccm_msg_t* msg) {
+void send_meld_message(ccm_context_t* ccm, const PCX* pcx, ccm_msg_t* msg) {
   ccm_setaddr(msg, pcx->agentID, 0, "", kMeldDestination, 0);
   if (send_NAT_message(ccm, msg) != 0) {
     // The send path refused the message and left it with us: give it back.
@@ -115,9 +114,9 @@ void CreateQxHeadm(QX_HEADM* o_head, const char* msgTyp, int Mandant, int UsrIdn
   memcpy(head + offsetof(QX_HEADM, i4UsrIdNr), &UsrIdnr, sizeof UsrIdnr);
 }
 
-int SendJpMd(PCX* pcx) {
+int SendJpMd(ccm_context_t* ccm, PCX* pcx) {
   QX_TRACE("%s(status=%c,rc=%d,mandant=%d) -->", __func__, pcx->status, pcx->reti, pcx->client);
-  ccm_msg_t* msg = new_meld_message(pcx);
+  ccm_msg_t* msg = new_meld_message(ccm, pcx);
   if (msg == nullptr) {
     QX_TRACE("%s <-- (no message available)", __func__);
     return -1;
@@ -143,19 +142,19 @@ int SendJpMd(PCX* pcx) {
   put_le32(body, p + offsetof(JP_EXMLDJ, ppid), static_cast<unsigned int>(ppid));
   put_le32(body, p + offsetof(JP_EXMLDJ, pgrp), static_cast<unsigned int>(pgrp));
 
-  send_meld_message(pcx, msg);
+  send_meld_message(ccm, pcx, msg);
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }
 
-int SendOutputViewMsg(PCX* pcx) {
+int SendOutputViewMsg(ccm_context_t* ccm, PCX* pcx) {
   QX_TRACE("%s(jobnumber=%d,client=%i,filename=%s,logincheck=%s) -->", __func__, pcx->jobnri,
            pcx->client, pcx->output_file, pcx->output_login == 'Y' ? "YES" : "NO");
   if (pcx->output_file[0] == 0) {
     QX_TRACE("%s <-- (filename not defined)", __func__);
     return -1;
   }
-  ccm_msg_t* msg = new_meld_message(pcx);
+  ccm_msg_t* msg = new_meld_message(ccm, pcx);
   if (msg == nullptr) {
     QX_TRACE("%s <-- (no message available)", __func__);
     return -1;
@@ -175,15 +174,15 @@ int SendOutputViewMsg(PCX* pcx) {
   memcpy(body + p + offsetof(JP_EXMLDO, fileName), pcx->output_file,
          strnlen(pcx->output_file, kFileNameInBody));
 
-  send_meld_message(pcx, msg);
+  send_meld_message(ccm, pcx, msg);
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }
 
-int SendRegVariableMsg(PCX* pcx) {
+int SendRegVariableMsg(ccm_context_t* ccm, PCX* pcx) {
   QX_TRACE("%s(ah_idnr=%d, variable=%s,value=%s,type=%c) -->", __func__, pcx->jobnri, pcx->var_name,
            pcx->var_value, pcx->var_type);
-  ccm_msg_t* msg = new_meld_message(pcx);
+  ccm_msg_t* msg = new_meld_message(ccm, pcx);
   if (msg == nullptr) {
     QX_TRACE("%s <-- (no message available)", __func__);
     return -1;
@@ -218,7 +217,7 @@ int SendRegVariableMsg(PCX* pcx) {
   static_assert(kVariable + sizeof(MSG_TYPE_STATUS_VALUE) + 168 ==
                 sizeof(MSG_TYPE_STATUS_VALUE) + kMeldVariableBodyBase);
 
-  send_meld_message(pcx, msg);
+  send_meld_message(ccm, pcx, msg);
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }

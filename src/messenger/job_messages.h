@@ -7,9 +7,10 @@
 // marked host are stored as the host holds them. The records document the layout and give
 // the offsets; nothing is ever copied into the body as a whole struct.
 //
-// Ownership: each send operation takes one message from the connection manager (the global
-// `ccm`), addresses it to the agent's channel (`pcx->agentID`) and hands it to the send path,
-// which owns it from then on.
+// Ownership: each send operation takes one message from the connection manager context it is
+// given (the run's context; a parameter rather than a global, so that the writers depend on
+// the connection manager alone), addresses it to the agent's channel (`pcx->agentID`) and hands it
+// to the send path, which owns it from then on.
 //
 // Threads: main thread only, while the connection manager's network thread runs.
 #ifndef QX_MESSENGER_JOB_MESSAGES_H_
@@ -17,6 +18,7 @@
 
 #include <stddef.h>
 
+#include "ccm/context.h"
 #include "common/dates.h"
 #include "messenger/context.h"
 
@@ -127,11 +129,11 @@ inline constexpr const char* kMeldDestination = "JPAKTJ_R";
 void CreateQxHeadm(QX_HEADM* o_head, const char* msgTyp, int Mandant, int UsrIdnr);
 
 // Job status message. 0; -1 when no message could be had (nothing is sent).
-int SendJpMd(PCX* pcx);
+int SendJpMd(ccm_context_t* ccm, PCX* pcx);
 // Output-view message. 0; -1 when no output file is named or no message could be had
 // (nothing is sent).
-int SendOutputViewMsg(PCX* pcx);
+int SendOutputViewMsg(ccm_context_t* ccm, PCX* pcx);
 // Register-variable message. 0; -1 when no message could be had (nothing is sent).
-int SendRegVariableMsg(PCX* pcx);
+int SendRegVariableMsg(ccm_context_t* ccm, PCX* pcx);
 
 #endif  // QX_MESSENGER_JOB_MESSAGES_H_

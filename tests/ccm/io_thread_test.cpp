@@ -394,6 +394,7 @@ TEST_F(NetThreadTest, StopEndsTheWaitAndDestroysDeletedChannelsBeforeTheJoin) {
   std::memcpy(static_cast<void*>(&closed), notice->msg_start, sizeof closed);
   EXPECT_STREQ(closed.head.msgtype, "CHANNEL_CLOSE");
   EXPECT_EQ(closed.ccmch.ID, id);
+  EXPECT_EQ(ccm_close_notice_channelID(notice), id);
   ccm_msg_free(ccm_, notice);
   EXPECT_EQ(read(peer, sent, 1), 0);  // the channel's socket was closed
   close(peer);

@@ -143,13 +143,14 @@ TEST(JobMessages, NothingQueuedOnFailure) {
   initialize_messenger(&ctx);
   ccm_error_t err{};
   ASSERT_EQ(ccm_open(&ctx, &ccm, &err), 0);
-  EXPECT_EQ(SendOutputViewMsg(&ctx), -1);
+  EXPECT_EQ(SendOutputViewMsg(ccm, &ctx), -1);
   ctx.var_name[0] = 'X';
   strcpy(ctx.output_file, "/tmp/out");
   ccm_alloc = [](size_t size, const char* tag) -> void* {
     return strcmp(tag, "CCMMSG") == 0 ? nullptr : ccm_alloc_default(size, tag);
   };
-  EXPECT_EQ(std::vector<int>({SendJpMd(&ctx), SendOutputViewMsg(&ctx), SendRegVariableMsg(&ctx)}),
+  EXPECT_EQ(std::vector<int>(
+                {SendJpMd(ccm, &ctx), SendOutputViewMsg(ccm, &ctx), SendRegVariableMsg(ccm, &ctx)}),
             std::vector<int>({-1, -1, -1}));
   ccm_alloc = ccm_alloc_default;
   EXPECT_EQ(ccm->sendq.head, nullptr);
