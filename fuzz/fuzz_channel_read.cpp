@@ -44,7 +44,7 @@ void check_and_free_received(ccm_context_t* ccm) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ccm_context_t* ccm = fuzz_context();
   if (ccm == nullptr || size < 2) return 0;
-  ccm_set_gss_classifier(gss_by_protocol);
+  ccm_set_gss_classifier(ccm, gss_by_protocol);
   uint32_t rng = (static_cast<uint32_t>(data[0]) << 8 | data[1]) * 2654435761u + 1;
   data += 2;
   size -= 2;

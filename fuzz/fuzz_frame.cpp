@@ -15,7 +15,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ccm_context_t* ccm = fuzz_context();
   if (ccm == nullptr) return 0;
-  ccm_set_gss_classifier(gss_by_protocol);
+  ccm_set_gss_classifier(ccm, gss_by_protocol);
 
   ccm_channel_t ch{};
   std::strcpy(ch.name, "*FUZZ");

@@ -18,8 +18,6 @@
 #include "ccm/message.h"
 #include "common/trace_log.h"
 
-void* GlbPcx = nullptr;
-
 void* ccm_alloc_default(size_t size, const char* /*tag*/) {
   return std::calloc(1, size);
 }
@@ -57,7 +55,7 @@ int ccm_open(void* ppcx, ccm_context_t** pccm, ccm_error_t* ccmerr) {
     QX_TRACE("%s <-- (calloc error)", __func__);
     return -1;
   }
-  GlbPcx = ppcx;
+  ccm->app = ppcx;
   std::memcpy(ccm->eyec, "##CCM_CONEXT####", sizeof ccm->eyec);
   pthread_spin_init(&ccm->queue_lock, PTHREAD_PROCESS_PRIVATE);
   pthread_spin_init(&ccm->channel_lock, PTHREAD_PROCESS_PRIVATE);

@@ -16,8 +16,14 @@
 
 #include <cstddef>
 
+#include "ccm/fdset.h"
+
 struct ccm_channel_t;
 struct ccm_msg_t;
+struct ccm_context_t;
+
+// The application's test for GSS frames: 1 when the frame at msg_start is one (wire.h).
+using ccm_gss_classifier_t = int (*)(ccm_context_t* ccm, ccm_msg_t* ccmmsg);
 
 // A singly linked list of channels through their `nxt` member; empty when `head` is null.
 struct ccm_channel_queue_t {
@@ -71,6 +77,11 @@ struct ccm_context_t {
   ccm_channel_t* signal_channel;  // reserved
   int network_wakeup[2];          // read end, write end; -1 while closed
   int processor_wakeup[2];        // read end, write end; -1 while closed
+  // Each context keeps its own application context, GSS classifier and select state, so that
+  // any number of contexts, each with its own network thread, can run in one process.
+  void* app;                            // the application context given to ccm_open
+  ccm_gss_classifier_t gss_classifier;  // set before the network thread starts; null: none
+  ccm_select_sets_t select_sets;        // the network thread's alone while it runs
 };
 
 // The beginning of every application context handed to `ccm_open`. The connection manager
@@ -80,10 +91,6 @@ struct ccm_app_context_head {
   int running_mode;
   void* ccm = nullptr;  // the application's connection manager context (for ipc_logger)
 };
-
-// The application context of the last `ccm_open`. The application keeps its own typed pointer
-// (the messenger's global `pcx`); this library deliberately defines no global named `pcx`.
-extern void* GlbPcx;
 
 // Opens a context. `ppcx` is the application context (it begins with ccm_app_context_head).
 // 0 with the context in *pccm, or -1 with `ccmerr` filled and nothing stored.

@@ -8,7 +8,6 @@
 #define QX_CCM_INTERNAL_H_
 
 #include <pthread.h>
-#include <sys/select.h>
 
 #include <cstddef>
 #include <cstring>
@@ -130,27 +129,6 @@ inline void ccm_flag_set(int& flag, int bits) {
 inline void ccm_flag_clear(int& flag, int bits) {
   __atomic_fetch_and(&flag, ~bits, __ATOMIC_ACQ_REL);
 }
-
-// A descriptor set for descriptors 0..CCM_FDSET_MAX, for every select of the connection
-// manager: the bit layout of fd_set (descriptor d is bit d % bits-per-word of word
-// d / bits-per-word), which the kernel reads for as many bits as select's first argument says.
-// fd_set itself and its macros stop at FD_SETSIZE (1024), which a process that inherited many
-// descriptors passes at once. Only the words up to the highest descriptor in use need clearing.
-inline constexpr int CCM_FDSET_MAX = 65535;
-struct alignas(fd_set) ccm_fdset {
-  static constexpr int kWordBits = 8 * static_cast<int>(sizeof(unsigned long));
-  unsigned long words[(CCM_FDSET_MAX + 1) / kWordBits];
-
-  static bool holds(int fd) { return fd >= 0 && fd <= CCM_FDSET_MAX; }
-  // Clears the words that hold descriptors 0..maxfd; the words above are left as they are.
-  void clear_upto(int maxfd) {
-    std::memset(words, 0, (static_cast<size_t>(maxfd) / kWordBits + 1) * sizeof(unsigned long));
-  }
-  void add(int fd) { words[fd / kWordBits] |= 1UL << (fd % kWordBits); }
-  bool has(int fd) const { return (words[fd / kWordBits] >> (fd % kWordBits)) & 1UL; }
-  fd_set* as_fd_set() { return reinterpret_cast<fd_set*>(words); }
-};
-static_assert(sizeof(ccm_fdset) == 8192);
 
 // Takes every byte waiting in a non-blocking wake-up pipe (`fd`, its read end): each byte
 // announces work that the caller looks at next, so one look serves them all.

@@ -22,23 +22,12 @@ namespace {
 
 static_assert(CCM_MAX_WATCHED_FD == CCM_FDSET_MAX);
 
-// Used by the network thread alone; one network thread per process.
-ccm_fdset fd_read;
-ccm_fdset fd_write;
-ccm_fdset fd_error;
-// The highest descriptor any set held in the last cycle. No bit above it is ever set (select
-// writes back only the bits below its first argument), so each cycle clears just the words up
-// to it instead of the whole 24 KiB. The sets start empty.
-int highest_set = 0;
-char read_text[CCM_FDSET_TEXT_SIZE];
-char write_text[CCM_FDSET_TEXT_SIZE];
-
 bool watchable(int fd) {
   return ccm_fdset::holds(fd);
 }
 
-const char* thread_name() {
-  const auto* app = static_cast<const ccm_app_context_head*>(GlbPcx);
+const char* thread_name(const ccm_context_t* ccm) {
+  const auto* app = static_cast<const ccm_app_context_head*>(ccm->app);
   switch (app != nullptr ? app->running_mode : -1) {
     case 0:
       return "AGENT/CCM";
@@ -154,7 +143,7 @@ int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* ccmerr) {
 void* ccm_thread_run(void* pccm) {
   auto* ccm = static_cast<ccm_context_t*>(pccm);
   QX_TRACE("%s(ccm=%p) -->", __func__, pccm);
-  __log(CCM_MSGNR_THREAD_NAME, "%s", thread_name());
+  __log(CCM_MSGNR_THREAD_NAME, "%s", thread_name(ccm));
   while (__atomic_load_n(&ccm->loop, __ATOMIC_ACQUIRE) != 0) {
     ccm_error_t err{};
     ccm_network_select(ccm, CCM_SELECT_TIMEOUT, &err);
@@ -230,6 +219,12 @@ int ccm_dispatch_send_messages(ccm_context_t* ccm) {
 }
 
 int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
+  ccm_select_sets_t& sets = ccm->select_sets;
+  ccm_fdset& fd_read = sets.read;
+  ccm_fdset& fd_write = sets.write;
+  ccm_fdset& fd_error = sets.error;
+  char* const read_text = sets.read_text;
+  char* const write_text = sets.write_text;
   QX_TRACE("%s(ccm=%p, sizeof(fd_read) = %d) -->", __func__, static_cast<void*>(ccm),
            static_cast<int>(sizeof fd_read));
   {
@@ -238,9 +233,9 @@ int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
   }
   ccm_dispatch_send_messages(ccm);
 
-  fd_read.clear_upto(highest_set);
-  fd_write.clear_upto(highest_set);
-  fd_error.clear_upto(highest_set);
+  fd_read.clear_upto(sets.highest);
+  fd_write.clear_upto(sets.highest);
+  fd_error.clear_upto(sets.highest);
   int highest = 0;
   // Other threads never change channelq while the thread runs: no lock for the walk.
   for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
@@ -271,23 +266,23 @@ int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
     if (wakeup > highest) highest = wakeup;
   }
 
-  highest_set = highest;
+  sets.highest = highest;
 
   timeval tv{};
   tv.tv_sec = stimeout;
   tv.tv_usec = 0;
   if (trc_level()) {
     __trace_text(0, "%s:         select(maxfd=%d,READ[%s],WRITE[%s]) -->", __func__, highest + 1,
-                 ccm_fdset_text(read_text, sizeof read_text, &fd_read, highest),
-                 ccm_fdset_text(write_text, sizeof write_text, &fd_write, highest));
+                 ccm_fdset_text(read_text, CCM_FDSET_TEXT_SIZE, &fd_read, highest),
+                 ccm_fdset_text(write_text, CCM_FDSET_TEXT_SIZE, &fd_write, highest));
   }
   const int rslt =
       select(highest + 1, fd_read.as_fd_set(), fd_write.as_fd_set(), fd_error.as_fd_set(), &tv);
   const int err = errno;
   if (trc_level()) {
     __trace_text(0, "%s:         select(...) <-- (rslt=%d,READ[%s],WRITE[%s])", __func__, rslt,
-                 ccm_fdset_text(read_text, sizeof read_text, &fd_read, highest),
-                 ccm_fdset_text(write_text, sizeof write_text, &fd_write, highest));
+                 ccm_fdset_text(read_text, CCM_FDSET_TEXT_SIZE, &fd_read, highest),
+                 ccm_fdset_text(write_text, CCM_FDSET_TEXT_SIZE, &fd_write, highest));
   }
   if (rslt == 0) {
     QX_TRACE("%s <-- (timeout)", __func__);

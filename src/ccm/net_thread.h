@@ -7,8 +7,9 @@
 // Ownership: the thread owns `channelq`, `msgq_2dispatch` and the descriptor sets while it
 // runs; after the join the caller owns every channel again (`ccm_channel_closeall`).
 //
-// Threads: `ccm_thread_start` and `ccm_thread_stop` are for the application's thread; the
-// descriptor sets are process-wide, so at most one network thread may run in a process. The
+// Threads: `ccm_thread_start` and `ccm_thread_stop` are for the application's thread. Each
+// context has its own descriptor sets, so every context of a process may run its own network
+// thread. The
 // cycle operations run on the network thread (tests call them directly while no thread runs).
 // Other threads hand work over through `sendq` and `channel_newq` and wake the thread with
 // `ccm_wakeup_network`.
@@ -20,7 +21,6 @@
 
 inline constexpr int CCM_SELECT_TIMEOUT = 10;     // seconds one cycle waits at most
 inline constexpr int CCM_MAX_WATCHED_FD = 65535;  // highest descriptor the select loop watches
-inline constexpr int CCM_FDSET_TEXT_SIZE = 1024;  // text form of a descriptor set
 inline constexpr int CCM_MSGNR_THREAD_NAME = 2000134;
 
 // Creates the wake-up pipes and starts the network thread; 0, or -1 with `ccmerr` filled.

@@ -74,8 +74,8 @@ bool prepend_header(ccm_msg_t* m, const char* protocol) {
 
 // The running mode of the application that opened the connection manager; without one,
 // nothing is routed.
-int running_mode() {
-  const auto* app = static_cast<const ccm_app_context_head*>(GlbPcx);
+int running_mode(const ccm_context_t* ccm) {
+  const auto* app = static_cast<const ccm_app_context_head*>(ccm->app);
   return app != nullptr ? app->running_mode : 0;
 }
 
@@ -125,7 +125,7 @@ int send_NAT_message(ccm_context_t* ccm, ccm_msg_t* ccmmsg) {
       ccmmsg->pos, (unsigned)ccmmsg->flag, a.src_ID, a.src_addr, a.src_name, (unsigned)a.src_acv,
       a.dst_ID, a.dst_addr, a.dst_name, (unsigned)a.dst_acv);
 
-  if (running_mode() != 0 && std::strcmp(a.dst_addr, "*SERVER") == 0) {
+  if (running_mode(ccm) != 0 && std::strcmp(a.dst_addr, "*SERVER") == 0) {
     const int rslt = send_NAT_message_route(ccm, ccmmsg);
     QX_TRACE("%s <-- (routed)", __func__);
     return rslt;

@@ -25,8 +25,6 @@ constexpr size_t kSourceBlockMax = 256;
 // Message number of a receive error; a malformed frame is reported as one (EBADMSG).
 constexpr int kMsgnrReceiveError = 2002036;
 
-std::atomic<ccm_gss_classifier_t> gss_classifier{nullptr};
-
 // One entry as found in a body: `header` bytes of key and length, then `n` data bytes.
 struct Entry {
   size_t header;
@@ -199,8 +197,8 @@ bool claims_internal_notice(const unsigned char* body, int len) {
 
 }  // namespace
 
-void ccm_set_gss_classifier(ccm_gss_classifier_t hook) {
-  gss_classifier.store(hook);
+void ccm_set_gss_classifier(ccm_context_t* ccm, ccm_gss_classifier_t hook) {
+  ccm->gss_classifier = hook;
 }
 
 int ccm_msg_set_protocol_header(ccm_msg_t* ccmmsg, const char* protocol) {
@@ -478,7 +476,7 @@ int ccm_classify_message(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_msg_t* cc
     QX_TRACE("%s <-- (IPC message)", __func__);
     return 0;
   }
-  const ccm_gss_classifier_t hook = gss_classifier.load();
+  const ccm_gss_classifier_t hook = ccm->gss_classifier;
   if (hook != nullptr && hook(ccm, ccmmsg)) {
     ccmmsg->type = CCM_MSG_GSS;
     QX_TRACE("%s <-- (GSS protocol message)", __func__);

@@ -108,9 +108,8 @@ int ccm_classify_message(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_msg_t* cc
 // Code-page hook for received NAT payloads: payloads are carried byte for byte. Returns 0.
 int msgconv_ToHost(ccm_context_t* ccm, ccm_msg_t* ccmmsg);
 
-// The application's test for GSS frames: 1 when the frame at msg_start is one. Without a
-// classifier set (or after setting null) no frame is a GSS frame.
-using ccm_gss_classifier_t = int (*)(ccm_context_t* ccm, ccm_msg_t* ccmmsg);
-void ccm_set_gss_classifier(ccm_gss_classifier_t hook);
+// Sets the context's test for GSS frames (ccm_gss_classifier_t, context.h), before its network
+// thread starts. Without a classifier set (or after setting null) no frame is a GSS frame.
+void ccm_set_gss_classifier(ccm_context_t* ccm, ccm_gss_classifier_t hook);
 
 #endif  // QX_CCM_WIRE_H_

@@ -34,7 +34,7 @@ class WireTest : public CcmTest {
   void TearDown() override {
     for (ccm_msg_t* m : msgs_)
       ccm_msg_free(ccm_, m);
-    ccm_set_gss_classifier(nullptr);
+    ccm_set_gss_classifier(ccm_, nullptr);
     CcmTest::TearDown();
   }
 
@@ -201,14 +201,14 @@ TEST_F(WireTest, IpcAndGssFramesAreNotParsed) {
     EXPECT_EQ(text(ipc), c.body);
     EXPECT_STREQ(ipc->addr.src_addr, "*ID7");
   }
-  ccm_set_gss_classifier([](ccm_context_t*, ccm_msg_t* m) {
+  ccm_set_gss_classifier(ccm_, [](ccm_context_t*, ccm_msg_t* m) {
     return std::memcmp(m->msg_start + 21, "GSS", 3) == 0 ? 1 : 0;
   });
   const Bytes gss = frame("\x99token", "GSS");
   ccm_msg_t* g = classified(gss);
   EXPECT_EQ(g->type, CCM_MSG_GSS);
   EXPECT_EQ(text(g), gss);  // header stays in front
-  ccm_set_gss_classifier(nullptr);
+  ccm_set_gss_classifier(ccm_, nullptr);
   classified(gss, -1);  // without the classifier: a native frame with the unknown key 0x99
 }
 
