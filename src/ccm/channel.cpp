@@ -216,6 +216,7 @@ void send_close_notice(ccm_context_t* ccm, const ccm_channel_t* ch) {
   ccm_error_t err{};
   ccm_msg_t* msg = ccm_msg_alloc(ccm, &err);
   if (msg == nullptr) {
+    ccm_log_error(err);
     QX_TRACE("%s:      no message for the close notice of channel %d", __func__, ch->ID);
     return;
   }
@@ -281,6 +282,7 @@ int ccm_channel_closeall(ccm_context_t* ccm) {
       next = ch->nxt;
       ccm_error_t err{};
       ccm_channel_destroy(ccm, ch, &err);
+      ccm_log_error(err);
     }
     ccm->channelq = {};
   }
@@ -310,6 +312,7 @@ int ccm_destroy_deleted_channels(ccm_context_t* ccm, int* ndestroyed) {
   while (ccm_channel_t* ch = ccm_queue_pop(doomed)) {
     ccm_error_t err{};
     ccm_channel_destroy(ccm, ch, &err);
+    ccm_log_error(err);
   }
   if (ndestroyed != nullptr) *ndestroyed = count;
   QX_TRACE("%s <-- (number of deleted channels = %d)", __func__, count);

@@ -204,6 +204,7 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type,
   auto fail = [&](const char* why) {
     ccm_error_t own{};
     ccm_channel_destroy(ccm, ch, &own);
+    ccm_log_error(own);
     QX_TRACE("%s <-- (%s)", "ccm_connect", why);
     return -1;
   };

@@ -43,6 +43,10 @@ void ccm_set_error(ccm_error_t* ccmerr, int msgnr, const char* format, ...) {
   va_end(ap);
 }
 
+void ccm_log_error(const ccm_error_t& err) {
+  if (err.msgnr != 0) __log(err.msgnr, "%s", err.msginsert);
+}
+
 void ccm_set_alloc_error(ccm_error_t* ccmerr, const char* tag, const char* file, int line) {
   ccm_set_error(ccmerr, CCM_MSGNR_ALLOC, "%s/%s(%d)", tag, file, line);
 }

@@ -26,6 +26,9 @@ void ccm_free(void* area);
 // Fills an error record (a null record is ignored): clears it, sets `msgnr` and formats the
 // insert, cut to fit.
 void ccm_set_error(ccm_error_t* ccmerr, int msgnr, const char* format, ...) QX_PRINTF(3, 4);
+// Logs through __log a record that no caller can take (a failure on the network thread or in
+// a clean-up step); a record without an error logs nothing.
+void ccm_log_error(const ccm_error_t& err);
 // The 3301 record of a failed allocation: "<tag>/<file>(<line>)".
 void ccm_set_alloc_error(ccm_error_t* ccmerr, const char* tag, const char* file, int line);
 

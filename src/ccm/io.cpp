@@ -116,6 +116,7 @@ int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccme
   if (!(ccm_flag_get(ccmch->flag) & CCM_CHFLAG_BINDADDR)) {
     ccm_error_t own{};
     ccm_channel_bindaddr_inquire(ccm, ccmch, &own);
+    ccm_log_error(own);
   }
 
   iovec iov{};

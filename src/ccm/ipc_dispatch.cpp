@@ -108,6 +108,7 @@ int send_file_descriptor(ccm_context_t* ccm, const char* destination, int fd, in
   ccm_error_t err{};
   ccm_msg_t* msg = ccm_msg_alloc(ccm, &err);
   if (msg == nullptr) {
+    ccm_log_error(err);
     QX_TRACE("%s <-- (no message, %d|%s)", __func__, err.msgnr, err.msginsert);
     return -1;
   }

@@ -48,6 +48,7 @@ void discard_unannounced(ccm_context_t* ccm, ccm_channel_t* ch) {
   ch->type = CCM_CHTYPE_SILENT;
   ccm_error_t own{};
   ccm_channel_destroy(ccm, ch, &own);
+  ccm_log_error(own);
 }
 
 // A descriptor held in reserve for accepting: with none left to the process (EMFILE) or the

@@ -76,15 +76,33 @@ bool may_read(ccm_channel_t* ch) {
   return false;
 }
 
-// Sets a socket non-blocking with the traces of the pair maker; true on success.
-bool set_dontblock(const char* fn, int s) {
+// Sets a socket non-blocking with the traces of the pair maker; 0, or the error of the call
+// (saved before the trace runs).
+int set_dontblock(const char* fn, int s) {
   QX_TRACE("%s:      ioctl( %d, DONTBLOCK) -->", fn, s);
   int on = 1;
   errno = 0;
   const int rslt = ioctl(s, FIONBIO, &on);
   const int err = errno;
   QX_TRACE("%s:      ioctl(...) <-- rslt=%d,errno=%d-%s", fn, rslt, err, std::strerror(err));
-  return rslt == 0;
+  return rslt == 0 ? 0 : err;
+}
+
+// Serves one channel that select found ready: an outgoing connection refused at one address
+// moves on to the next one; a listener accepts; others are read, then written. What fails is
+// in `own`.
+void serve_channel(ccm_context_t* ccm, ccm_channel_t* ch, const ccm_select_sets_t& sets,
+                   ccm_error_t* own) {
+  if ((sets.read.has(ch->s) || sets.error.has(ch->s)) && ccm_connect_next_address(ccm, ch) != 0)
+    return;
+  if (sets.read.has(ch->s)) {
+    if (ch->type == CCM_CHTYPE_LISTEN) {
+      ccm_signal_on_listen(ccm, ch, own);
+      return;
+    }
+    if (ccm_read_channel(ccm, ch, own) != 0) return;
+  }
+  if (!is_deleted(ch) && sets.write.has(ch->s)) ccm_write_channel(ccm, ch, own);
 }
 
 }  // namespace
@@ -144,9 +162,21 @@ void* ccm_thread_run(void* pccm) {
   auto* ccm = static_cast<ccm_context_t*>(pccm);
   QX_TRACE("%s(ccm=%p) -->", __func__, pccm);
   __log(CCM_MSGNR_THREAD_NAME, "%s", thread_name(ccm));
+  int failures = 0;
   while (__atomic_load_n(&ccm->loop, __ATOMIC_ACQUIRE) != 0) {
     ccm_error_t err{};
-    ccm_network_select(ccm, CCM_SELECT_TIMEOUT, &err);
+    if (ccm_network_select(ccm, CCM_SELECT_TIMEOUT, &err) != 0) {
+      // Nobody waits for the thread's record: it is logged. A select that keeps failing
+      // (a descriptor closed behind the connection manager's back, no memory) would
+      // otherwise make the loop spin without ever waiting; the thread ends instead.
+      __log(err.msgnr, "%s", err.msginsert);
+      if (++failures >= CCM_SELECT_FAILURES_MAX) {
+        __log(CCM_MSGNR_THREAD, "%s|%s", "CCM-thread", "select keeps failing, thread ends");
+        break;
+      }
+    } else {
+      failures = 0;
+    }
     if (ccm_flag_get(ccm->flag) & CCM_FLAG_CHANNEL_DELETED) ccm_destroy_deleted_channels(ccm);
   }
   // A stop may come before any cycle saw a channel that was deleted just before it (still in
@@ -314,17 +344,8 @@ int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
     next = ch->nxt;
     if (is_deleted(ch) || ch->type == CCM_CHTYPE_NOSOCKET || !watchable(ch->s)) continue;
     ccm_error_t own{};
-    // An outgoing connection with further addresses: a refusal moves it on to the next one.
-    if ((fd_read.has(ch->s) || fd_error.has(ch->s)) && ccm_connect_next_address(ccm, ch) != 0)
-      continue;
-    if (fd_read.has(ch->s)) {
-      if (ch->type == CCM_CHTYPE_LISTEN) {
-        ccm_signal_on_listen(ccm, ch, &own);
-        continue;
-      }
-      if (ccm_read_channel(ccm, ch, &own) != 0) continue;
-    }
-    if (!is_deleted(ch) && fd_write.has(ch->s)) ccm_write_channel(ccm, ch, &own);
+    serve_channel(ccm, ch, sets, &own);
+    ccm_log_error(own);
   }
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
@@ -349,6 +370,7 @@ int ccm_channel_create_pair(ccm_context_t* ccm, ccm_channel_t** pch1, ccm_channe
       c->type = CCM_CHTYPE_SILENT;
       ccm_error_t own{};
       ccm_channel_destroy(ccm, c, &own);
+      ccm_log_error(own);
     }
     QX_TRACE("%s <-- (%s)", "ccm_channel_create_pair", why);
     return -1;
@@ -366,8 +388,7 @@ int ccm_channel_create_pair(ccm_context_t* ccm, ccm_channel_t** pch1, ccm_channe
   ch[0]->s = sv[0];
   ch[1]->s = sv[1];
   for (ccm_channel_t* c : ch) {
-    if (!set_dontblock(__func__, c->s)) {
-      const int err = errno;
+    if (const int err = set_dontblock(__func__, c->s); err != 0) {
       ccm_set_error(ccmerr, -1, "ioctl(%d,FIONBIO)|%d-%s", c->s, err, std::strerror(err));
       return release("ioctl error, dontblock");
     }

@@ -22,10 +22,14 @@
 inline constexpr int CCM_SELECT_TIMEOUT = 10;     // seconds one cycle waits at most
 inline constexpr int CCM_MAX_WATCHED_FD = 65535;  // highest descriptor the select loop watches
 inline constexpr int CCM_MSGNR_THREAD_NAME = 2000134;
+// Cycles in a row whose select may fail before the thread gives up and ends.
+inline constexpr int CCM_SELECT_FAILURES_MAX = 3;
 
 // Creates the wake-up pipes and starts the network thread; 0, or -1 with `ccmerr` filled.
 int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* ccmerr);
-// The thread's body; `pccm` is the context. Returns null.
+// The thread's body; `pccm` is the context. Returns null. Every failed cycle is logged; after
+// CCM_SELECT_FAILURES_MAX failed cycles in a row the thread ends as after a stop (the last
+// sweep still destroys the deleted channels), with that logged too.
 void* ccm_thread_run(void* pccm);
 // Asks the thread to end after its current cycle and wakes it; returns 0 at once. The caller
 // then joins the context's `thread`.

@@ -147,9 +147,10 @@ int ccm_wait_processor(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
   QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
   const int fd = ccm->processor_wakeup[0];
   int rslt;
+  int err = 0;
   if (!ccm_fdset::holds(fd)) {
     // A pipe that is not open cannot be waited on.
-    errno = EBADF;
+    err = EBADF;
     rslt = -1;
   } else {
     // The set reaches every descriptor the network thread can watch: a process that
@@ -159,22 +160,19 @@ int ccm_wait_processor(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
     rset.add(fd);
     timeval tv{stimeout > 0 ? stimeout : 0, 0};
     rslt = select(fd + 1, rset.as_fd_set(), nullptr, nullptr, &tv);
+    err = errno;
   }
   if (rslt == 0) {
     QX_TRACE("%s <-- (timeout)", __func__);
     return 0;
   }
   if (rslt < 0) {
-    const int err = errno;
     if (err == EINTR) {
       QX_TRACE("%s <-- (interrupt by system call)", __func__);
       return 0;
     }
-    if (ccmerr != nullptr) {
-      ccmerr->msgnr = CCM_MSGNR_SYSCALL;
-      snprintf(ccmerr->msginsert, sizeof ccmerr->msginsert, "select(processor_wakeup(%d))|%d-%s",
-               fd, err, strerror(err));
-    }
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "select(processor_wakeup(%d))|%d-%s", fd, err,
+                  strerror(err));
     QX_TRACE("%s <-- (select error: %d-%s)", __func__, err, strerror(err));
     return -1;
   }

@@ -167,6 +167,7 @@ int send_NAT_message_route(ccm_context_t* ccm, ccm_msg_t* ccmmsg) {
                      : ccm_msg_alloc_huge(ccm, (need + CCM_MSG_HEADROOM + 1) / 2, &err);
   if (r == nullptr) {
     // The given message stays with the caller, as after any other failed send.
+    ccm_log_error(err);
     QX_TRACE("%s <-- (alloc error, %d|%s)", __func__, err.msgnr, err.msginsert);
     return -1;
   }
@@ -225,11 +226,7 @@ int ccm_forward_NAT_message(ccm_context_t* ccm, ccm_msg_t* ccmmsg, int channelID
     ccm_channel_t* ch = channelID != 0 ? ccm_channel_getbyID(ccm, channelID) : nullptr;
     if (ch == nullptr) ch = ccm_channel_getbyName(ccm, channelName);
     if (ch == nullptr) {
-      if (ccmerr != nullptr) {
-        ccmerr->msgnr = kMsgnrForward;
-        std::snprintf(ccmerr->msginsert, sizeof ccmerr->msginsert, "%d/%s|channel not found|",
-                      channelID, channelName);
-      }
+      ccm_set_error(ccmerr, kMsgnrForward, "%d/%s|channel not found|", channelID, channelName);
       QX_TRACE("%s <-- (ftx ipc channel not found)", __func__);
       return -1;
     }
@@ -246,11 +243,7 @@ int ccm_forward_NAT_message(ccm_context_t* ccm, ccm_msg_t* ccmmsg, int channelID
                      ? ccm_msg_alloc(ccm, &err)
                      : ccm_msg_alloc_huge(ccm, (need + CCM_MSG_HEADROOM + 1) / 2, &err);
   if (f == nullptr) {
-    if (ccmerr != nullptr) {
-      ccmerr->msgnr = kMsgnrForward;
-      std::snprintf(ccmerr->msginsert, sizeof ccmerr->msginsert, "%d/%s|alloc error|", channelID,
-                    channelName);
-    }
+    ccm_set_error(ccmerr, kMsgnrForward, "%d/%s|alloc error|", channelID, channelName);
     QX_TRACE("%s <-- (alloc error)", __func__);
     return -1;
   }

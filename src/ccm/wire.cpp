@@ -11,6 +11,7 @@
 #include <span>
 #include <string_view>
 
+#include "ccm/internal.h"
 #include "ccm/ipc.h"
 #include "ccm/ipc_dispatch.h"
 #include "common/convert.h"
@@ -150,10 +151,7 @@ void record_frame_error(ccm_channel_t* ccmch, ccm_error_t* ccmerr) {
     ccmch->msgnr = kMsgnrReceiveError;
     StringCopy(ccmch->msginsert, sizeof(ccmch->msginsert), insert);
   }
-  if (ccmerr != nullptr) {
-    ccmerr->msgnr = kMsgnrReceiveError;
-    StringCopy(ccmerr->msginsert, sizeof(ccmerr->msginsert), insert);
-  }
+  ccm_set_error(ccmerr, kMsgnrReceiveError, "%s", insert);
 }
 
 // Walks a source block: short entries 0x01 name, 0x02 value, 0x03 address. Names keep their

@@ -1014,5 +1014,29 @@ TEST(Contexts, TwoContextsWithListenerAndClientRunSideBySide) {
   EXPECT_EQ(faults[1], "");
 }
 
+// A select that keeps failing (here a socket number that is not open) neither spins nor
+// goes unnoticed: every failed cycle is logged with its error, and after a few in a row the
+// thread ends by itself, without a stop.
+TEST_F(NetThreadTest, PersistentSelectFailureEndsTheThreadWithItsErrorLogged) {
+  logged.clear();
+  __log_set_logger(record_log);
+  ccm_channel_t* bogus = entered_channel();
+  bogus->s = dup(0);  // a number in the descriptor table that is closed again at once
+  close(bogus->s);
+  start_thread();
+  const bool ended = joined();
+  __log_set_logger(nullptr);
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(__atomic_load_n(&ccm_->loop, __ATOMIC_ACQUIRE), 1);  // nobody asked it to stop
+  int select_errors = 0, ends = 0;
+  for (const auto& [msgnr, insert] : logged) {
+    select_errors += msgnr == CCM_MSGNR_SYSCALL && insert.rfind("select(", 0) == 0;
+    ends += msgnr == CCM_MSGNR_THREAD;
+  }
+  EXPECT_EQ(select_errors, CCM_SELECT_FAILURES_MAX);
+  EXPECT_EQ(ends, 1);
+  bogus->s = -1;
+}
+
 }  // namespace
 }  // namespace ccm_test
