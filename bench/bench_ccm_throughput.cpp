@@ -19,8 +19,6 @@
 #include <vector>
 
 #include "ccm/ccm.h"
-#include "ccm/receive.h"
-#include "ccm/send.h"
 #include "common/protocol_header.h"
 
 namespace {
@@ -93,11 +91,11 @@ struct CcmLink {
     ccm_error_t err{};
     if (ccm_session_open(&app, &ccm, &err) != 0) return;
     if (ccm_create_listen(ccm, "127.0.0.1", 0, 4, &err) != 0) return;
-    ccm_channel_t* l = ccm_channel_getbyName(ccm, "*LISTEN");
     sockaddr_in a{};
     socklen_t len = sizeof a;
-    getsockname(l->s, reinterpret_cast<sockaddr*>(&a), &len);
-    ccm_channel_unlock(ccm);
+    if (const ccm_found_channel l = ccm_found_channel::by_name(ccm, "*LISTEN")) {
+      getsockname(l->s, reinterpret_cast<sockaddr*>(&a), &len);
+    }
     ccm_wakeup_network(ccm);
     peer = connect_to(ntohs(a.sin_port));
     for (int tries = 0; tries < 20 && channel < 0; ++tries) {

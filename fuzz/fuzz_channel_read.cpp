@@ -26,7 +26,7 @@ void check_and_free_received(ccm_context_t* ccm) {
   for (;;) {
     ccm_msg_t* m = nullptr;
     {
-      ccm_spin_guard guard(ccm->queue_lock);
+      ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
       m = ccm_queue_pop(ccm->recvq);
     }
     if (m == nullptr) return;

@@ -47,12 +47,6 @@
 #include <unordered_map>
 
 #include "ccm/ccm.h"
-#include "ccm/ipc.h"
-#include "ccm/listen.h"
-#include "ccm/net_thread.h"
-#include "ccm/receive.h"
-#include "ccm/send.h"
-#include "ccm/wire.h"
 #include "common/standard_fds.h"
 
 namespace {
@@ -403,11 +397,10 @@ class Clients {
 
   // Closes client `id` at once (whatever waits for it is given up) and says so.
   void drop(int id, const char* why) {
-    if (ccm_channel_t* ch = ccm_channel_getbyID(ccm_, id)) {
+    if (const ccm_found_channel ch = ccm_found_channel::by_ID(ccm_, id)) {
       // Its close must not wait for the client to take what is still unsent.
       linger lg{};
       setsockopt(ch->s, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
-      ccm_channel_unlock(ccm_);
     }
     ccm_channel_deletebyID(ccm_, id);
     ccm_wakeup_network(ccm_);
@@ -422,14 +415,12 @@ class Clients {
  private:
   // Messages waiting in the channel's own send queue.
   int queued_for(int id) {
-    ccm_channel_t* ch = ccm_channel_getbyID(ccm_, id);
-    if (ch == nullptr) return 0;
+    const ccm_found_channel ch = ccm_found_channel::by_ID(ccm_, id);
+    if (!ch) return 0;
     int n = 0;
-    pthread_spin_lock(&ch->queue_lock);
+    ccmch_queue_guard queue(ccm_, ch.get(), ccm_lock_trace::kQuiet);
     for (ccm_msg_t* m = ch->sendq.head; m != nullptr && n < kSendQueueMax; m = m->nxt)
       n++;
-    pthread_spin_unlock(&ch->queue_lock);
-    ccm_channel_unlock(ccm_);
     return n;
   }
 
@@ -495,8 +486,8 @@ bool handle(ccm_context_t* ccm, const Options& o, Clients& clients, ccm_msg_t* m
 
 // The port the listening channel got (the one asked for, or the system's choice for 0).
 int listening_port(ccm_context_t* ccm) {
-  ccm_channel_t* ch = ccm_channel_getbyName(ccm, "*LISTEN");
-  if (ch == nullptr) return -1;
+  const ccm_found_channel ch = ccm_found_channel::by_name(ccm, "*LISTEN");
+  if (!ch) return -1;
   sockaddr_storage a{};
   socklen_t len = sizeof a;
   int port = -1;
@@ -504,7 +495,6 @@ int listening_port(ccm_context_t* ccm) {
     port = a.ss_family == AF_INET6 ? ntohs(reinterpret_cast<sockaddr_in6*>(&a)->sin6_port)
                                    : ntohs(reinterpret_cast<sockaddr_in*>(&a)->sin_port);
   }
-  ccm_channel_unlock(ccm);
   return port;
 }
 

@@ -11,8 +11,12 @@
 #include "ccm/ipc.h"
 #include "ccm/ipc_dispatch.h"
 #include "ccm/listen.h"
+#include "ccm/locks.h"
 #include "ccm/message.h"
 #include "ccm/net_thread.h"
+#include "ccm/receive.h"
+#include "ccm/send.h"
 #include "ccm/session.h"
+#include "ccm/wire.h"
 
 #endif  // QX_CCM_CCM_H_

@@ -68,7 +68,7 @@ int ccm_channel_new_entry(ccm_context_t* ccm, ccm_channel_t** ccmch, ccm_error_t
   std::memcpy(ch->eyec, "##CCM#CHANNEL###", sizeof ch->eyec);
   pthread_spin_init(&ch->queue_lock, PTHREAD_PROCESS_PRIVATE);
   {
-    ccm_spin_guard guard(ccm->channel_lock);
+    ccm_channel_guard guard(ccm, ccm_lock_trace::kQuiet);
     ch->ID = ccm->unique_channel_ID++;
   }
   // No socket yet: -1, so that destroying a channel that never got one closes nothing.
@@ -86,7 +86,7 @@ int ccm_channel_chain(ccm_context_t* ccm, ccm_channel_t* ccmch) {
   std::snprintf(eyec, sizeof eyec, "#CCMSOCK%.8d", ccmch->ID);
   std::memcpy(ccmch->eyec, eyec, sizeof ccmch->eyec);
   {
-    ccm_spin_guard guard(ccm->channel_lock);
+    ccm_channel_guard guard(ccm, ccm_lock_trace::kQuiet);
     ccm_queue_append(ccm->channel_newq, ccmch);
   }
   QX_TRACE("%s <-- (OK)", __func__);
@@ -120,8 +120,7 @@ ccm_channel_t* ccm_channel_getbyName(ccm_context_t* ccm, const char* name) {
 
 int ccm_channel_existbyID(ccm_context_t* ccm, int ID) {
   QX_TRACE("%s(ID=%d) -->", __func__, ID);
-  if (ccm_channel_getbyID(ccm, ID) != nullptr) {
-    ccm_channel_unlock(ccm);
+  if (ccm_found_channel::by_ID(ccm, ID)) {
     QX_TRACE("%s <-- (AGENT[ID=%i] EXISTS)", __func__, ID);
     return 1;
   }
@@ -131,8 +130,7 @@ int ccm_channel_existbyID(ccm_context_t* ccm, int ID) {
 
 int ccm_channel_existbyName(ccm_context_t* ccm, const char* name) {
   QX_TRACE("%s(name=%s) -->", __func__, name ? name : "(null)");
-  if (ccm_channel_getbyName(ccm, name) != nullptr) {
-    ccm_channel_unlock(ccm);
+  if (ccm_found_channel::by_name(ccm, name)) {
     QX_TRACE("%s <-- (AGENT[name=%s] EXISTS)", __func__, name);
     return 1;
   }
@@ -145,14 +143,14 @@ int ccm_channel_existbyName(ccm_context_t* ccm, const char* name) {
 int ccm_channel_get_ip(ccm_context_t* ccm, int ID, const char* name, char* ip,
                        ccm_error_t* /*ccmerr*/) {
   QX_TRACE("%s(ID=%d,name=%s) -->", __func__, ID, name ? name : "(null)");
-  ccm_channel_t* ch = ID >= 1 ? ccm_channel_getbyID(ccm, ID) : nullptr;
-  if (ch == nullptr) ch = ccm_channel_getbyName(ccm, name);
-  if (ch == nullptr) {
-    QX_TRACE("%s <-- (channel not found, ID=%d, name=%s)", __func__, ID, name ? name : "(null)");
-    return -1;
+  {
+    const ccm_found_channel ch = ccm_found_channel::by_ID_or_name(ccm, ID >= 1 ? ID : 0, name);
+    if (!ch) {
+      QX_TRACE("%s <-- (channel not found, ID=%d, name=%s)", __func__, ID, name ? name : "(null)");
+      return -1;
+    }
+    ccm_copy_text(ip, CCM_ADDRSTR_SIZE, ch->addr);
   }
-  ccm_copy_text(ip, CCM_ADDRSTR_SIZE, ch->addr);
-  ccm_channel_unlock(ccm);
   QX_TRACE("%s <-- (ip=%s)", __func__, ip);
   return 0;
 }
@@ -168,10 +166,10 @@ int ccm_channel_delete(ccm_context_t* ccm, ccm_channel_t* ccmch) {
 
 int ccm_channel_deletebyID(ccm_context_t* ccm, int ID) {
   QX_TRACE("%s(ID=%d) -->", __func__, ID);
-  ccm_channel_t* ch = ccm_channel_getbyID(ccm, ID);
-  if (ch != nullptr) {
+  ccm_channel_t* ch = nullptr;
+  if (const ccm_found_channel found = ccm_found_channel::by_ID(ccm, ID)) {
+    ch = found.get();
     ccm_channel_delete(ccm, ch);
-    ccm_channel_unlock(ccm);
   }
   QX_TRACE("%s <-- (channel=%p deleted)", __func__, static_cast<void*>(ch));
   return 0;
@@ -179,10 +177,10 @@ int ccm_channel_deletebyID(ccm_context_t* ccm, int ID) {
 
 int ccm_channel_deletebyName(ccm_context_t* ccm, const char* name) {
   QX_TRACE("%s(name=%s) -->", __func__, name ? name : "(null)");
-  ccm_channel_t* ch = ccm_channel_getbyName(ccm, name);
-  if (ch != nullptr) {
+  ccm_channel_t* ch = nullptr;
+  if (const ccm_found_channel found = ccm_found_channel::by_name(ccm, name)) {
+    ch = found.get();
     ccm_channel_delete(ccm, ch);
-    ccm_channel_unlock(ccm);
   }
   QX_TRACE("%s <-- (channel=%p deleted)", __func__, static_cast<void*>(ch));
   return 0;
@@ -276,7 +274,7 @@ int ccm_channel_closeall(ccm_context_t* ccm) {
     return 0;
   }
   {
-    ccm_spin_guard guard(ccm->channel_lock);
+    ccm_channel_guard guard(ccm, ccm_lock_trace::kQuiet);
     ccm_channel_t* next = nullptr;
     for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = next) {
       next = ch->nxt;
@@ -295,7 +293,7 @@ int ccm_destroy_deleted_channels(ccm_context_t* ccm, int* ndestroyed) {
   ccm_channel_queue_t doomed{};
   int count = 0;
   {
-    ccm_spin_guard guard(ccm->channel_lock);
+    ccm_channel_guard guard(ccm, ccm_lock_trace::kQuiet);
     ccm_channel_queue_t all = ccm->channelq;
     ccm->channelq = {};
     while (ccm_channel_t* ch = ccm_queue_pop(all)) {

@@ -2,7 +2,6 @@
 #include "ccm/connect.h"
 
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <unistd.h>
@@ -124,9 +123,7 @@ const char* start_with_next_address(ccm_context_t* ccm, ccm_channel_t* ch, ccm_e
 
 int ccm_set_nonblocking(ccm_context_t* /*ccm*/, ccm_channel_t* ccmch, ccm_error_t* ccmerr) {
   trace_channel_entry(__func__, ccmch);
-  int on = 1;
-  if (ioctl(ccmch->s, FIONBIO, &on) != 0) {
-    int err = errno;
+  if (const int err = ccm_fd_set_nonblocking(ccmch->s); err != 0) {
     ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "ioctl(...,FIONBIO)|%d-%s", err, strerror(err));
     QX_TRACE("%s <-- (ioctl error, dontblock)", __func__);
     return -1;
@@ -279,7 +276,7 @@ int ccm_is_cp_connecting(ccm_context_t* ccm, const char* host, int port, ccm_err
   };
   bool found = false;
   {
-    ccm_spin_guard guard(ccm->channel_lock);
+    ccm_channel_guard guard(ccm, ccm_lock_trace::kQuiet);
     for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr && !found; ch = ch->nxt) {
       QX_TRACE("%s:         --> type=%d,%s:%d", __func__, ch->type, ch->addr, ch->port);
       found = matches(ch);

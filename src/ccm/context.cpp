@@ -3,6 +3,7 @@
 #include "ccm/context.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -41,6 +42,18 @@ void ccm_set_error(ccm_error_t* ccmerr, int msgnr, const char* format, ...) {
   va_start(ap, format);
   std::vsnprintf(ccmerr->msginsert, sizeof ccmerr->msginsert, format, ap);
   va_end(ap);
+}
+
+int ccm_fd_set_nonblocking(int s, const char* fn) {
+  if (fn != nullptr) QX_TRACE("%s:      ioctl( %d, DONTBLOCK) -->", fn, s);
+  int on = 1;
+  errno = 0;
+  const int rslt = ioctl(s, FIONBIO, &on);
+  const int err = rslt == 0 ? 0 : errno;
+  if (fn != nullptr) {
+    QX_TRACE("%s:      ioctl(...) <-- rslt=%d,errno=%d-%s", fn, rslt, err, std::strerror(err));
+  }
+  return err;
 }
 
 void ccm_log_error(const ccm_error_t& err) {
@@ -98,7 +111,7 @@ int ccm_close(ccm_context_t* ccm, ccm_error_t* /*ccmerr*/) {
     }
   }
   {
-    ccm_spin_guard guard(ccm->queue_lock);
+    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
     while (ccm_msg_t* m = ccm_queue_pop(ccm->msg_freeq)) {
       QX_TRACE("%s:      free(msg(%p,msgID=%lu,addr=%p,len=%d,pos=%d,flag=%.8X))", __func__,
                static_cast<void*>(m), m->ID, static_cast<void*>(m->msg_start), m->len, m->pos,

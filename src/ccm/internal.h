@@ -1,6 +1,5 @@
-// Helpers shared by the connection manager's own files: the allocation seam, scoped spin-lock
-// guards, list operations on head/tail queues, atomic access to flag words and error records.
-// Not for applications.
+// Helpers shared by the connection manager's own files: the allocation seam, list operations on
+// head/tail queues, atomic access to flag words and error records. Not for applications.
 //
 // Threads: `ccm_alloc` is read by every allocating thread; change it only while no other thread
 // uses the connection manager (tests replace it to make allocations fail).
@@ -13,6 +12,7 @@
 #include <cstring>
 
 #include "ccm/context.h"
+#include "ccm/locks.h"
 #include "common/trace_log.h"
 
 // Every record of the connection manager (context, channel, message) is allocated through
@@ -35,42 +35,6 @@ void ccm_set_alloc_error(ccm_error_t* ccmerr, const char* tag, const char* file,
 // Returns every message of `q` through ccm_msg_free and leaves the queue empty. The caller
 // owns `q` (a detached queue, or one no other thread touches).
 void ccm_free_queue(ccm_context_t* ccm, ccm_msg_queue_t& q);
-
-// Hold the context's queue lock or channel lock for their scope, through the traced
-// ccm_queue_lock / ccm_channel_lock calls.
-class QueueLock {
- public:
-  explicit QueueLock(ccm_context_t* ccm) : ccm_(ccm) { ccm_queue_lock(ccm_); }
-  ~QueueLock() { ccm_queue_unlock(ccm_); }
-  QueueLock(const QueueLock&) = delete;
-  QueueLock& operator=(const QueueLock&) = delete;
-
- private:
-  ccm_context_t* ccm_;
-};
-
-class ChannelLock {
- public:
-  explicit ChannelLock(ccm_context_t* ccm) : ccm_(ccm) { ccm_channel_lock(ccm_); }
-  ~ChannelLock() { ccm_channel_unlock(ccm_); }
-  ChannelLock(const ChannelLock&) = delete;
-  ChannelLock& operator=(const ChannelLock&) = delete;
-
- private:
-  ccm_context_t* ccm_;
-};
-
-// Holds a spin lock for its scope.
-class ccm_spin_guard {
- public:
-  explicit ccm_spin_guard(pthread_spinlock_t& lock) : lock_(lock) { pthread_spin_lock(&lock_); }
-  ~ccm_spin_guard() { pthread_spin_unlock(&lock_); }
-  ccm_spin_guard(const ccm_spin_guard&) = delete;
-  ccm_spin_guard& operator=(const ccm_spin_guard&) = delete;
-
- private:
-  pthread_spinlock_t& lock_;
-};
 
 // Appends `item` to a head/tail queue. The head decides emptiness: a taker may move the head
 // on without resetting the tail.
@@ -132,6 +96,11 @@ inline void ccm_flag_set(int& flag, int bits) {
 inline void ccm_flag_clear(int& flag, int bits) {
   __atomic_fetch_and(&flag, ~bits, __ATOMIC_ACQ_REL);
 }
+
+// The one way the connection manager makes a socket non-blocking (ioctl FIONBIO; the wake-up
+// pipes are made non-blocking when they are created). With `fn`, the call is traced as a
+// progress step of that function. 0, or the error of the call, saved before any trace runs.
+int ccm_fd_set_nonblocking(int s, const char* fn = nullptr);
 
 // Takes every byte waiting in a non-blocking wake-up pipe (`fd`, its read end): each byte
 // announces work that the caller looks at next, so one look serves them all.

@@ -205,7 +205,7 @@ int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccme
     }
     count_unread(ccmch, msg);
     {
-      ccm_spin_guard guard(ccm->queue_lock);
+      ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
       ccm_queue_unlink(ccm->msgq_inuse, msg);
       ccm_queue_append(ccm->recvq, msg);
     }
@@ -223,7 +223,7 @@ int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* /*c
   QX_TRACE("%s(" QX_CH_FMT ") -->", __func__, QX_CH_ARGS(ccmch));
   ccm_msg_t* msg = nullptr;
   {
-    ccm_spin_guard guard(ccmch->queue_lock);
+    ccmch_queue_guard guard(ccm, ccmch, ccm_lock_trace::kQuiet);
     msg = ccmch->sendq.head;
   }
   while (msg != nullptr) {
@@ -280,7 +280,7 @@ int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* /*c
     if (msg->pos == msg->len) {
       ccm_msg_t* written = msg;
       {
-        ccm_spin_guard guard(ccmch->queue_lock);
+        ccmch_queue_guard guard(ccm, ccmch, ccm_lock_trace::kQuiet);
         ccmch->sendq.head = written->nxt;
         msg = written->nxt;
       }

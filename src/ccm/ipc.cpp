@@ -19,7 +19,7 @@ int send_IPC_internal(ccm_context_t* ccm, ccm_msg_t* ccmmsg) {
   ccmmsg->type = CCM_MSG_IPC;
   if (trc_level()) trcdump(ccmmsg->msg_start, ccmmsg->len, "internal IPC message");
   {
-    ccm_spin_guard guard(ccm->queue_lock);
+    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
     ccm_queue_unlink(ccm->msgq_inuse, ccmmsg);
     ccm_queue_append(ccm->recvq, ccmmsg);
   }

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -168,13 +167,8 @@ int ccm_create_listen(ccm_context_t* ccm, const char* pbind_addr, int port, int 
     return fail("listen() error");
   }
 
-  QX_TRACE("%s:      ioctl( %d, DONTBLOCK) -->", __func__, s);
-  int nonblock = 1;
-  errno = 0;
-  rslt = ioctl(s, FIONBIO, &nonblock);
-  err = errno;
-  QX_TRACE("%s:      ioctl(...) <-- rslt=%d,errno=%d-%s", __func__, rslt, err, std::strerror(err));
-  if (rslt != 0) {
+  err = ccm_fd_set_nonblocking(s, __func__);
+  if (err != 0) {
     ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "listen()|%d(%s)", err, std::strerror(err));
     return fail("ioctl error, dontblock");
   }

@@ -25,7 +25,7 @@ namespace {
 ccm_msg_t* make_message(ccm_context_t* ccm, int size, ccm_error_t* ccmerr, const char* fn) {
   ccm_msg_t* msg = nullptr;
   if (size == CCM_MSG_POOL_SIZE) {
-    ccm_spin_guard guard(ccm->queue_lock);
+    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
     msg = ccm_queue_pop(ccm->msg_freeq);
     if (msg != nullptr) ccm->nof_freemsg--;
   }
@@ -48,7 +48,7 @@ ccm_msg_t* make_message(ccm_context_t* ccm, int size, ccm_error_t* ccmerr, const
   msg->buffer2 = msg->buffer1 + size;
   msg->msg_start = msg->buffer1 + std::min(CCM_MSG_HEADROOM, 2 * size);
   {
-    ccm_spin_guard guard(ccm->queue_lock);
+    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
     msg->ID = static_cast<unsigned long>(ccm->unique_msg_ID++);
     ccm_queue_push(ccm->msgq_inuse, msg);
   }
@@ -89,7 +89,7 @@ int ccm_msg_free(ccm_context_t* ccm, ccm_msg_t* ccmmsg) {
   const char* how = nullptr;
   bool release = true;
   {
-    ccm_spin_guard guard(ccm->queue_lock);
+    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
     ccm_queue_unlink(ccm->msgq_inuse, ccmmsg);  // a received message stands in no queue
     ccmmsg->nxt = nullptr;
     if (ccmmsg->size != CCM_MSG_POOL_SIZE) {
@@ -132,7 +132,7 @@ int ccm_msg_emptying_queues(ccm_context_t* ccm) {
   // Detach each list under the lock, then free its messages one by one.
   ccm_msg_queue_t recvq{}, dispatch{};
   {
-    ccm_spin_guard guard(ccm->queue_lock);
+    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
     recvq = ccm->recvq;
     dispatch = ccm->msgq_2dispatch;
     ccm->recvq = {};
@@ -142,7 +142,7 @@ int ccm_msg_emptying_queues(ccm_context_t* ccm) {
   for (;;) {
     ccm_msg_t* m = nullptr;
     {
-      ccm_spin_guard guard(ccm->queue_lock);
+      ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
       m = ccm->msgq_inuse.head;
     }
     if (m == nullptr) break;
@@ -156,7 +156,7 @@ int ccm_msg_emptying_queues(ccm_context_t* ccm) {
     if (ccm_flag_get(ch->flag) & CCM_CHFLAG_DELETED) continue;
     ccm_msg_queue_t sendq{}, chrecvq{};
     {
-      ccm_spin_guard guard(ch->queue_lock);
+      ccmch_queue_guard guard(ccm, ch, ccm_lock_trace::kQuiet);
       ch->recv_pos = 0;
       sendq = ch->sendq;
       chrecvq = ch->recvq;

@@ -2,7 +2,6 @@
 // messages and the select cycle.
 #include "ccm/net_thread.h"
 
-#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -55,8 +54,8 @@ bool is_deleted(const ccm_channel_t* ch) {
   return (ccm_flag_get(ch->flag) & CCM_CHFLAG_DELETED) != 0;
 }
 
-bool sendq_empty(ccm_channel_t* ch) {
-  ccm_spin_guard guard(ch->queue_lock);
+bool sendq_empty(ccm_context_t* ccm, ccm_channel_t* ch) {
+  ccmch_queue_guard guard(ccm, ch, ccm_lock_trace::kQuiet);
   return ch->sendq.head == nullptr;
 }
 
@@ -74,18 +73,6 @@ bool may_read(ccm_channel_t* ch) {
   QX_TRACE("ccm_network_select:      channel %d not read: %d messages unread", ch->ID,
            __atomic_load_n(&ch->unread_msgs, __ATOMIC_SEQ_CST));
   return false;
-}
-
-// Sets a socket non-blocking with the traces of the pair maker; 0, or the error of the call
-// (saved before the trace runs).
-int set_dontblock(const char* fn, int s) {
-  QX_TRACE("%s:      ioctl( %d, DONTBLOCK) -->", fn, s);
-  int on = 1;
-  errno = 0;
-  const int rslt = ioctl(s, FIONBIO, &on);
-  const int err = errno;
-  QX_TRACE("%s:      ioctl(...) <-- rslt=%d,errno=%d-%s", fn, rslt, err, std::strerror(err));
-  return rslt == 0 ? 0 : err;
 }
 
 // Serves one channel that select found ready: an outgoing connection refused at one address
@@ -183,7 +170,7 @@ void* ccm_thread_run(void* pccm) {
   // channel_newq, or deleted while the last cycle was serving): one last sweep destroys every
   // channel deleted before the stop, so that its close notice is queued before the join.
   {
-    ccm_spin_guard guard(ccm->channel_lock);
+    ccm_channel_guard guard(ccm, ccm_lock_trace::kQuiet);
     ccm_channel_merge_newq(ccm);
   }
   ccm_destroy_deleted_channels(ccm);
@@ -210,7 +197,7 @@ int ccm_channel_merge_newq(ccm_context_t* ccm) {
 int ccm_dispatch_send_messages(ccm_context_t* ccm) {
   QX_TRACE("%s() -->", __func__);
   {
-    ccm_spin_guard guard(ccm->queue_lock);
+    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
     ccm->msgq_2dispatch = ccm->sendq;
     ccm->sendq = {};
   }
@@ -223,25 +210,24 @@ int ccm_dispatch_send_messages(ccm_context_t* ccm) {
     ccm_addr_t& a = msg->addr;
     if (std::strncmp(a.dst_addr, "*CP", 3) == 0)
       ccm_copy_text(a.dst_addr, sizeof a.dst_addr, "*SERVER");
-    ccm_channel_t* ch =
-        a.dst_ID != 0 ? ccm_channel_getbyID(ccm, a.dst_ID) : ccm_channel_getbyName(ccm, a.dst_addr);
-    if (ch == nullptr) {
+    // The channel lock is held from the search on, while the message joins the channel.
+    const ccm_found_channel ch = a.dst_ID != 0 ? ccm_found_channel::by_ID(ccm, a.dst_ID)
+                                               : ccm_found_channel::by_name(ccm, a.dst_addr);
+    if (!ch) {
       // A message marked to be kept belongs to someone else; it only leaves the list.
       if (!(msg->flag & CCM_MSGFLAG_KEEP)) ccm_msg_free(ccm, msg);
       continue;
     }
-    // channel_lock is held from the search on.
     QX_TRACE("%s:      send to the partner (name : '%s' function : '%s', call back :'%08X')",
              __func__, ch->name, a.dst_name, static_cast<unsigned>(a.dst_ID));
     {
-      ccm_spin_guard guard(ch->queue_lock);
+      ccmch_queue_guard guard(ccm, ch.get(), ccm_lock_trace::kQuiet);
       ccm_queue_append(ch->sendq, msg);
     }
     msg->pATctx = ch->pATctx;
     if ((ccm_flag_get(ch->flag) & CCM_CHFLAG_NAT_02) && msg->type == CCM_MSG_NAT) {
       msg->flag |= CCM_MSGFLAG_CHANNEL_02;
     }
-    ccm_channel_unlock(ccm);
   }
   ccm->msgq_2dispatch = {};
   QX_TRACE("%s <-- (number of dispatched messages = %d)", __func__, count);
@@ -258,7 +244,7 @@ int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
   QX_TRACE("%s(ccm=%p, sizeof(fd_read) = %d) -->", __func__, static_cast<void*>(ccm),
            static_cast<int>(sizeof fd_read));
   {
-    ccm_spin_guard guard(ccm->channel_lock);
+    ccm_channel_guard guard(ccm, ccm_lock_trace::kQuiet);
     if (ccm->channel_newq.head != nullptr) ccm_channel_merge_newq(ccm);
   }
   ccm_dispatch_send_messages(ccm);
@@ -287,7 +273,7 @@ int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
     }
     if (!(ccm_flag_get(ch->flag) & CCM_CHFLAG_NOREAD) && may_read(ch)) fd_read.add(ch->s);
     fd_error.add(ch->s);
-    if (!sendq_empty(ch)) fd_write.add(ch->s);
+    if (!sendq_empty(ccm, ch)) fd_write.add(ch->s);
     if (ch->s > highest) highest = ch->s;
   }
   const int wakeup = ccm->network_wakeup[0];
@@ -388,7 +374,7 @@ int ccm_channel_create_pair(ccm_context_t* ccm, ccm_channel_t** pch1, ccm_channe
   ch[0]->s = sv[0];
   ch[1]->s = sv[1];
   for (ccm_channel_t* c : ch) {
-    if (const int err = set_dontblock(__func__, c->s); err != 0) {
+    if (const int err = ccm_fd_set_nonblocking(c->s, __func__); err != 0) {
       ccm_set_error(ccmerr, -1, "ioctl(%d,FIONBIO)|%d-%s", c->s, err, std::strerror(err));
       return release("ioctl error, dontblock");
     }

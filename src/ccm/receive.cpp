@@ -24,7 +24,7 @@ bool is_deleted(ccm_channel_t* ch) {
 
 // Takes the head of `recvq`. The tail is left as it is: appenders look at the head first.
 ccm_msg_t* take_head(ccm_context_t* ccm) {
-  QueueLock lock(ccm);
+  ccm_queue_guard lock(ccm);
   ccm_msg_t* m = ccm->recvq.head;
   if (m != nullptr) {
     ccm->recvq.head = m->nxt;
@@ -47,7 +47,7 @@ void release_unread(ccm_context_t* ccm, ccm_msg_t* m) {
   m->flag &= ~CCM_MSGFLAG_UNREAD;
   bool wake = false;
   {
-    ccm_spin_guard lock(ccm->channel_lock);  // untraced: one look per message taken
+    ccm_channel_guard lock(ccm, ccm_lock_trace::kQuiet);  // untraced: one look per message taken
     ccm_channel_t* ch = ccm->channelq.head;
     while (ch != nullptr && ch->ID != m->addr.src_ID)
       ch = ch->nxt;
@@ -68,7 +68,7 @@ void release_unread(ccm_context_t* ccm, ccm_msg_t* m) {
 // Live channels of `channelq` whose type `counts`, under the channel lock.
 template <typename Pred>
 int count_channels(ccm_context_t* ccm, Pred counts) {
-  ChannelLock lock(ccm);
+  ccm_channel_guard lock(ccm);
   int n = 0;
   for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
     if (!is_deleted(ch) && counts(ch->type)) ++n;
@@ -260,7 +260,7 @@ int ccm_get_nof_channels(ccm_context_t* ccm) {
 
 int ccm_get_recvq_count(ccm_context_t* ccm) {
   int n = 0;
-  QueueLock lock(ccm);
+  ccm_queue_guard lock(ccm);
   for (ccm_msg_t* m = ccm->recvq.head; m != nullptr; m = m->nxt)
     ++n;
   return n;
@@ -283,7 +283,7 @@ int ccm_get_sendq_count(ccm_context_t* ccm) {
   QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
   int n = 0;
   {
-    QueueLock lock(ccm);
+    ccm_queue_guard lock(ccm);
     for (ccm_msg_t* m = ccm->sendq.head; m != nullptr; m = m->nxt)
       ++n;
   }
@@ -295,18 +295,17 @@ int ccm_is_all_sendq_empty(ccm_context_t* ccm) {
   QX_TRACE("%s(ccm=%p) -->", __func__, (void*)ccm);
   int empty = 1;
   {
-    QueueLock lock(ccm);
+    ccm_queue_guard lock(ccm);
     if (ccm->sendq.head != nullptr) empty = 0;
   }
   if (empty) {
     // Each channel's queue is looked at under its own lock, taken inside the channel lock:
     // the one order in which two of these locks may be held.
-    ChannelLock lock(ccm);
+    ccm_channel_guard lock(ccm);
     for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr && empty; ch = ch->nxt) {
       if (is_deleted(ch) || ch->type == CCM_CHTYPE_SILENT) continue;
-      ccmch_queue_lock(ccm, ch);
+      ccmch_queue_guard queue(ccm, ch);
       if (ch->sendq.head != nullptr) empty = 0;
-      ccmch_queue_unlock(ccm, ch);
     }
   }
   QX_TRACE("%s <-- (empty=%d)", __func__, empty);

@@ -84,7 +84,7 @@ int running_mode(const ccm_context_t* ccm) {
 int ccm_send_message_common(ccm_context_t* ccm, ccm_msg_t* ccmmsg, const char* text) {
   if (trc_level()) trcdump(ccmmsg->msg_start, ccmmsg->len, "%s", text);
   {
-    QueueLock lock(ccm);
+    ccm_queue_guard lock(ccm);
     move_to(ccm, ccmmsg, ccm->sendq);
   }
   ccm_wakeup_network(ccm);
@@ -223,16 +223,14 @@ int ccm_forward_NAT_message(ccm_context_t* ccm, ccm_msg_t* ccmmsg, int channelID
   std::snprintf(target_name, sizeof target_name, "%s", check_channel ? "" : channelName);
 
   if (check_channel) {
-    ccm_channel_t* ch = channelID != 0 ? ccm_channel_getbyID(ccm, channelID) : nullptr;
-    if (ch == nullptr) ch = ccm_channel_getbyName(ccm, channelName);
-    if (ch == nullptr) {
+    const ccm_found_channel ch = ccm_found_channel::by_ID_or_name(ccm, channelID, channelName);
+    if (!ch) {
       ccm_set_error(ccmerr, kMsgnrForward, "%d/%s|channel not found|", channelID, channelName);
       QX_TRACE("%s <-- (ftx ipc channel not found)", __func__);
       return -1;
     }
     target_ID = ch->ID;
     std::snprintf(target_name, sizeof target_name, "%s", ch->name);
-    ccm_channel_unlock(ccm);
   }
 
   // The copy needs room for the payload and, behind it, the source block it gets.

@@ -30,14 +30,14 @@ int ccm_session_close(ccm_context_t* ccm, ccm_error_t* ccmerr) {
     // The main thread owns every channel now; those entered after the thread's last merge
     // join the list, so that closing all of them reaches them too.
     {
-      ChannelLock lock(ccm);
+      ccm_channel_guard lock(ccm);
       ccm_channel_merge_newq(ccm);
     }
     ccm_channel_closeall(ccm);
   } else {
     bool any = false;
     {
-      ccm_spin_guard guard(ccm->channel_lock);
+      ccm_channel_guard guard(ccm, ccm_lock_trace::kQuiet);
       ccm_channel_merge_newq(ccm);
       any = ccm->channelq.head != nullptr;
     }

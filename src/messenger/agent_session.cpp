@@ -8,12 +8,7 @@
 
 #include <algorithm>
 
-#include "ccm/channel.h"
-#include "ccm/connect.h"
-#include "ccm/ipc.h"
-#include "ccm/net_thread.h"
-#include "ccm/receive.h"
-#include "ccm/session.h"
+#include "ccm/ccm.h"
 #include "common/trace_log.h"
 #include "messenger/job_messages.h"
 
@@ -135,10 +130,9 @@ void close_without_waiting(int s) {
 // The agent's channel, still served by the network thread: found under the channel lock,
 // which keeps it from being destroyed while its option is changed.
 void agent_channel_close_without_waiting(int agentID) {
-  ccm_channel_t* ch = ccm_channel_getbyID(ccm, agentID);
-  if (ch == nullptr) return;
-  close_without_waiting(ch->s);
-  ccm_channel_unlock(ccm);
+  if (const ccm_found_channel ch = ccm_found_channel::by_ID(ccm, agentID)) {
+    close_without_waiting(ch->s);
+  }
 }
 
 // Keeps the run's two threads on the processor the run started on, for as long as it lives,

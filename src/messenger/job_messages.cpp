@@ -3,9 +3,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "ccm/message.h"
-#include "ccm/receive.h"
-#include "ccm/send.h"
+#include "ccm/ccm.h"
 #include "common/convert.h"
 #include "common/dates.h"
 #include "common/trace_log.h"

@@ -446,7 +446,7 @@ TEST_F(AgentSessionTest, DeadlineHoldsWhileUnrelatedMessagesArrive) {
     std::memcpy(m->msg_start, "UNRELATED", 10);
     m->len = 16;
     m->type = CCM_MSG_IPC;
-    ccm_spin_guard guard(ccm->queue_lock);
+    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
     ccm_queue_unlink(ccm->msgq_inuse, m);
     ccm_queue_append(ccm->recvq, m);
   };

@@ -118,7 +118,7 @@ class CcmTest : public ::testing::Test {
 
   // What the network thread does at the start of each cycle.
   void merge_newq() {
-    ccm_spin_guard guard(ccm_->channel_lock);
+    ccm_channel_guard guard(ccm_, ccm_lock_trace::kQuiet);
     while (ccm_channel_t* ch = ccm_queue_pop(ccm_->channel_newq)) {
       ccm_queue_append(ccm_->channelq, ch);
     }
@@ -157,7 +157,7 @@ class CcmTest : public ::testing::Test {
     for (;;) {
       ccm_msg_t* m = nullptr;
       {
-        ccm_spin_guard guard(ccm_->queue_lock);
+        ccm_queue_guard guard(ccm_, ccm_lock_trace::kQuiet);
         m = ccm_queue_pop(ccm_->recvq);
       }
       if (m == nullptr) break;
