@@ -47,6 +47,7 @@
 #include <unordered_map>
 
 #include "ccm/ccm.h"
+#include "common/dates.h"
 #include "common/standard_fds.h"
 
 namespace {
@@ -155,12 +156,6 @@ class Output {
   std::thread thread_;
 };
 Output g_out;
-
-long long now_ms() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
 
 constexpr int kListenBacklog = 4096;
 constexpr int kGreetingKey = 4;
@@ -366,10 +361,10 @@ class Clients {
  public:
   Clients(ccm_context_t* ccm, const Options& o) : ccm_(ccm), o_(o) {}
 
-  void accepted(int id) { last_heard_[id] = now_ms(); }
+  void accepted(int id) { last_heard_[id] = MonotonicMs(); }
   // A message came from `id` (a client already dropped stays dropped).
   void heard(int id) {
-    if (auto it = last_heard_.find(id); it != last_heard_.end()) it->second = now_ms();
+    if (auto it = last_heard_.find(id); it != last_heard_.end()) it->second = MonotonicMs();
   }
   void gone(int id) { last_heard_.erase(id); }
 
@@ -385,7 +380,7 @@ class Clients {
 
   // Closes the connections that said nothing for the idle time; looks at most every 200 ms.
   void close_idle() {
-    const long long now = now_ms();
+    const long long now = MonotonicMs();
     if (o_.idle_secs <= 0 || now - last_sweep_ < 200) return;
     last_sweep_ = now;
     for (auto it = last_heard_.begin(); it != last_heard_.end();) {

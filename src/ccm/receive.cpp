@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "ccm/internal.h"
+#include "common/dates.h"
 #include "common/strutil.h"
 #include "common/trace_log.h"
 
@@ -86,20 +87,6 @@ void copy_field(char (&dst)[64], const char (&src)[64]) {
 
 void set_eyec(ccm_addr_t* a) {
   std::memcpy(a->eyec, kAddrEyec, sizeof a->eyec);
-}
-
-long long monotonic_ms() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-// Sleeps `ms` milliseconds; a signal does not shorten the pause.
-void pause_ms(long long ms) {
-  if (ms <= 0) return;
-  timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
-  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
 }
 
 }  // namespace
@@ -267,13 +254,13 @@ int ccm_get_recvq_count(ccm_context_t* ccm) {
 }
 
 int ccm_drain_sendq(ccm_context_t* ccm, int ID, long long timeout_ms) {
-  const long long deadline = monotonic_ms() + timeout_ms;
+  const long long deadline = MonotonicMs() + timeout_ms;
   long long step = 1;
   while (!ccm_is_all_sendq_empty(ccm)) {
     if (!ccm_channel_existbyID(ccm, ID)) return -1;
-    const long long left = deadline - monotonic_ms();
+    const long long left = deadline - MonotonicMs();
     if (left <= 0) return 0;
-    pause_ms(std::min(step, left));
+    SleepMs(std::min(step, left));
     step = std::min(step * 2, 50LL);
   }
   return 1;

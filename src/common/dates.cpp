@@ -154,3 +154,16 @@ char* sec2hhmmss2(int psec) {
   sec2hhmmss3(psec, own_hhmmss, sizeof own_hhmmss);
   return own_hhmmss;
 }
+
+long long MonotonicMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+void SleepMs(long long ms) {
+  if (ms <= 0) return;
+  timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}

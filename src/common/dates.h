@@ -57,6 +57,13 @@ void GetDatumZeit2(void* eT, DATUM_BUFF* dt);
 // read in whole seconds.
 time_t GetElapsedTime(int* usec);
 
+// Milliseconds on the monotonic clock, for deadlines: never set back, whatever the wall clock
+// does.
+long long MonotonicMs();
+
+// Sleeps `ms` milliseconds (none for 0 or less); a signal does not shorten the pause.
+void SleepMs(long long ms);
+
 // The local time stamp text of `eT` (or now) into `xData`; `Length` less two characters at
 // most, always terminated.
 void GetDtChar2(void* eT, char* xData, int Length);

@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "ccm/ccm.h"
+#include "common/dates.h"
 #include "common/trace_log.h"
 #include "messenger/job_messages.h"
 
@@ -27,20 +28,6 @@ constexpr int kConnectWaitSecs = 60;
 
 // The agent's greeting: a native message whose payload came under key 4.
 constexpr unsigned char kGreetingKey = 4;
-
-long long now_ms() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-// Sleeps `ms` milliseconds; a signal (SIGUSR1) does not shorten the pause.
-void pause_ms(long long ms) {
-  if (ms <= 0) return;
-  timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
-  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
-}
 
 // The channel a received message or notice belongs to: the channel a close notice is about,
 // or the channel the message was read from. -1 for any other internal message.
@@ -69,12 +56,12 @@ WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** o
   *out = nullptr;
   int queued_at_start = ccm_get_recvq_count(ccm);
   // After a message was set aside: whether the wait is over although more may be queued.
-  auto past_deadline = [&] { return queued_at_start-- <= 0 && now_ms() >= deadline; };
+  auto past_deadline = [&] { return queued_at_start-- <= 0 && MonotonicMs() >= deadline; };
   for (;;) {
     if (wait_step_hook != nullptr) wait_step_hook();
     ccm_error_t err{};
     ccm_msg_t* msg = nullptr;
-    const long long left = deadline - now_ms();
+    const long long left = deadline - MonotonicMs();
     int r = ccm_receive_message_ms(ccm, left, &msg, &err);
     if (r < 0) return WaitResult::kFailed;
     if (r > 0 && msg != nullptr) {
@@ -106,7 +93,7 @@ WaitResult wait_channel_message(int channelID, long long deadline, ccm_msg_t** o
 // Returns true when nothing is left to write. In a run whose reply came this returns at the
 // first look: the reply proves the job message was written.
 bool drain_send_queues(int agentID, long long deadline) {
-  switch (ccm_drain_sendq(ccm, agentID, deadline - now_ms())) {
+  switch (ccm_drain_sendq(ccm, agentID, deadline - MonotonicMs())) {
     case -1:
       QX_TRACE("%s:      job message not written: the connection to the agent failed", kMain);
       return false;
@@ -231,7 +218,7 @@ int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
     QX_TRACE("%s:      connection attempt #%d", kMain, attempt);
     if (attempt > 0) {
       QX_TRACE("%s:      wait %d seconds before retry connecting", kMain, pcx->connect_wait);
-      pause_ms(pause);
+      SleepMs(pause);
     }
     ccmID = ccm_connect(ccm, pcx->ipAddr, pcx->portnri, kAgentChannelType, nullptr,
                         kConnectWaitSecs, &err);
@@ -239,7 +226,7 @@ int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
       QX_TRACE("%s:      connect failed", kMain);
       continue;
     }
-    if (wait_channel_message(ccmID, now_ms() + timeout_ms, &ccmmsg) != WaitResult::kMessage) {
+    if (wait_channel_message(ccmID, MonotonicMs() + timeout_ms, &ccmmsg) != WaitResult::kMessage) {
       pcx->abnormal_end = 1;
       break;
     }
@@ -270,7 +257,7 @@ int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
     // after the job message was written, so once it is there nothing waits any more. When
     // it does not come (or the wait fails), what is still queued gets the rest of the
     // time-out to reach the wire before the connection is closed.
-    const long long deadline = now_ms() + timeout_ms;
+    const long long deadline = MonotonicMs() + timeout_ms;
     WaitResult r = wait_channel_message(pcx->agentID, deadline, &ccmmsg, &early);
     if (r == WaitResult::kMessage && is_close_notice(ccmmsg)) {
       QX_TRACE("%s:      the agent closed the connection without a reply", kMain);
