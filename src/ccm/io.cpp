@@ -101,6 +101,131 @@ void keep_rest(ccm_channel_t* ch, const unsigned char* cursor, int left) {
   ch->recv_pos = left;
 }
 
+// The reader's steps trace under the reader's name.
+constexpr const char* kReadFn = "ccm_read_channel";
+
+// Descriptors passed with one read. They belong to one message only, the first frame the read
+// completes: a copy on every frame would let two owners close the same descriptor. Those that
+// no frame takes are closed.
+struct passed_descriptors {
+  control_area control{};
+  size_t len = 0;
+  bool taken = false;
+
+  void give_to(ccm_msg_t* msg) {
+    if (len == 0 || taken) return;
+    std::memcpy(msg->control_data, control.bytes, len);
+    msg->control_len = len;
+    taken = true;
+    if (trc_level()) trcdump(msg->control_data, static_cast<int>(len), "control data");
+  }
+  void close_unless_taken() {
+    if (len != 0 && !taken) close_passed_descriptors(control.bytes, len);
+  }
+};
+
+// Reads what the socket holds into the receive buffer behind what is there already, with the
+// descriptors passed along. recvmsg's result, its errno in *err (saved before any trace).
+ssize_t receive_into_buffer(ccm_channel_t* ch, passed_descriptors& passed, int* err) {
+  iovec iov{};
+  iov.iov_base = ch->recv_buffer + ch->recv_pos;
+  iov.iov_len = static_cast<size_t>(read_size(ch));
+  msghdr mh{};
+  mh.msg_iov = &iov;
+  mh.msg_iovlen = 1;
+  mh.msg_control = passed.control.bytes;
+  mh.msg_controllen = sizeof passed.control.bytes;
+  ch->timestamp_last_io = time(nullptr);
+
+  QX_TRACE("%s:      recvmsg(pos=%d) -->", kReadFn, ch->recv_pos);
+  const ssize_t n = recvmsg(ch->s, &mh, 0);
+  *err = errno;
+  QX_TRACE("%s:      recvmsg(...) <-- (rslt=%d)", kReadFn, static_cast<int>(n));
+  if (n <= 0) return n;
+  if (trc_level()) trcdump(iov.iov_base, static_cast<int>(n), "recvmsg() data");
+  passed.len = std::min<size_t>(mh.msg_controllen, sizeof passed.control.bytes);
+  QX_TRACE("%s:      control_len = %u", kReadFn, static_cast<unsigned>(passed.len));
+  ch->recv_pos += static_cast<int>(n);
+  return n;
+}
+
+// The complete frame of `len` bytes at `cursor` as a message from the channel; null (with
+// `ccmerr` filled) when no message could be had.
+ccm_msg_t* frame_message(ccm_context_t* ccm, ccm_channel_t* ch, const unsigned char* cursor,
+                         int len, ccm_error_t* ccmerr) {
+  ccm_msg_t* msg = ccm_msg_alloc_frame(ccm, len, ccmerr);
+  if (msg == nullptr) return nullptr;
+  std::memcpy(msg->buffer1, cursor, static_cast<size_t>(len));
+  msg->len = len;
+  msg->msg_start = msg->buffer1;
+  msg->addr.src_ID = ch->ID;
+  msg->addr.src_type = ch->type;
+  if (trc_level()) trcdump(msg->msg_start, len, "complete message from " QX_CH_FMT, QX_CH_ARGS(ch));
+  return msg;
+}
+
+// Hands a classified message to the application: counted among the channel's unread ones,
+// appended to the receive queue and announced on the processor wake-up pipe.
+void deliver(ccm_context_t* ccm, ccm_channel_t* ch, ccm_msg_t* msg) {
+  count_unread(ch, msg);
+  {
+    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
+    ccm_queue_unlink(ccm->msgq_inuse, msg);
+    ccm_queue_append(ccm->recvq, msg);
+  }
+  ccm_wakeup_processor(ccm);
+}
+
+// The frames complete in the receive buffer, each classified and delivered; the rest moves to
+// the front of the buffer. 0, or -1 when a frame was invalid (the channel is deleted) or no
+// message could be had for one (the channel stays and its frames wait for the next read).
+int cut_frames(ccm_context_t* ccm, ccm_channel_t* ccmch, passed_descriptors& passed,
+               ccm_error_t* ccmerr) {
+  int left = ccmch->recv_pos;
+  unsigned char* cursor = ccmch->recv_buffer;
+  while (left > CCM_LENGTH_VISIBLE) {
+    QX_TRACE("%s:      datalen_in_buffer = %d", kReadFn, left);
+    // The announced length is checked before anything is done for it: a frame that could
+    // never be valid ends the channel at once instead of letting the buffer grow towards it.
+    const int len = ccm_get_valid_msg_length(ccm, ccmch, cursor, ccmerr);
+    if (len < 0) {
+      passed.close_unless_taken();
+      ccm_channel_delete(ccm, ccmch);
+      QX_TRACE("%s <-- (invalid message length)", kReadFn);
+      return -1;
+    }
+    if (left < len) {
+      QX_TRACE("%s:      not enough data pos(%d) < len(%d)", kReadFn, left, len);
+      break;
+    }
+    ccm_msg_t* msg = frame_message(ccm, ccmch, cursor, len, ccmerr);
+    if (msg == nullptr) {
+      // Frames already queued must not be queued again by the next read: the unconsumed rest
+      // goes to the front now. The channel stays; its remaining frames are cut out at its next
+      // read.
+      keep_rest(ccmch, cursor, left);
+      passed.close_unless_taken();
+      QX_TRACE("%s <-- (msg alloc error, message queue)", kReadFn);
+      return -1;
+    }
+    if (ccm_classify_message(ccm, ccmch, msg, ccmerr) != 0) {
+      ccm_channel_delete(ccm, ccmch);
+      ccm_msg_free(ccm, msg);
+      passed.close_unless_taken();
+      QX_TRACE("%s <-- (qualifing message error)", kReadFn);
+      return -1;
+    }
+    passed.give_to(msg);
+    deliver(ccm, ccmch, msg);
+    left -= len;
+    cursor += len;
+  }
+  passed.close_unless_taken();
+  keep_rest(ccmch, cursor, left);
+  QX_TRACE("%s <-- (datalen=%d,pos=%d)", kReadFn, left, ccmch->recv_pos);
+  return 0;
+}
+
 }  // namespace
 
 int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccmerr) {
@@ -118,22 +243,9 @@ int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccme
     ccm_channel_bindaddr_inquire(ccm, ccmch, &own);
     ccm_log_error(own);
   }
-
-  iovec iov{};
-  iov.iov_base = ccmch->recv_buffer + ccmch->recv_pos;
-  iov.iov_len = static_cast<size_t>(read_size(ccmch));
-  control_area control{};
-  msghdr mh{};
-  mh.msg_iov = &iov;
-  mh.msg_iovlen = 1;
-  mh.msg_control = control.bytes;
-  mh.msg_controllen = sizeof control.bytes;
-  ccmch->timestamp_last_io = time(nullptr);
-
-  QX_TRACE("%s:      recvmsg(pos=%d) -->", __func__, ccmch->recv_pos);
-  const ssize_t n = recvmsg(ccmch->s, &mh, 0);
-  const int err = errno;
-  QX_TRACE("%s:      recvmsg(...) <-- (rslt=%d)", __func__, static_cast<int>(n));
+  passed_descriptors passed;
+  int err = 0;
+  const ssize_t n = receive_into_buffer(ccmch, passed, &err);
   if (n <= 0) {
     // The reader runs only for a socket that select reported readable: nothing read means the
     // partner closed, and no error is harmless here.
@@ -146,77 +258,7 @@ int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccme
     QX_TRACE("%s <-- (receive error)", __func__);
     return -1;
   }
-
-  if (trc_level()) trcdump(iov.iov_base, static_cast<int>(n), "recvmsg() data");
-  const size_t control_len = std::min<size_t>(mh.msg_controllen, sizeof control.bytes);
-  QX_TRACE("%s:      control_len = %u", __func__, static_cast<unsigned>(control_len));
-  ccmch->recv_pos += static_cast<int>(n);
-  int left = ccmch->recv_pos;
-  unsigned char* cursor = ccmch->recv_buffer;
-  bool control_taken = false;
-
-  while (left > CCM_LENGTH_VISIBLE) {
-    QX_TRACE("%s:      datalen_in_buffer = %d", __func__, left);
-    // The announced length is checked before anything is done for it: a frame that could
-    // never be valid ends the channel at once instead of letting the buffer grow towards it.
-    const int len = ccm_get_valid_msg_length(ccm, ccmch, cursor, ccmerr);
-    if (len < 0) {
-      if (control_len != 0 && !control_taken) close_passed_descriptors(control.bytes, control_len);
-      ccm_channel_delete(ccm, ccmch);
-      QX_TRACE("%s <-- (invalid message length)", __func__);
-      return -1;
-    }
-    if (left < len) {
-      QX_TRACE("%s:      not enough data pos(%d) < len(%d)", __func__, left, len);
-      break;
-    }
-    ccm_msg_t* msg = ccm_msg_alloc_frame(ccm, len, ccmerr);
-    if (msg == nullptr) {
-      // Frames already queued must not be queued again by the next read: the unconsumed rest
-      // goes to the front now. The channel stays; its remaining frames are cut out at its next
-      // read.
-      keep_rest(ccmch, cursor, left);
-      if (control_len != 0 && !control_taken) close_passed_descriptors(control.bytes, control_len);
-      QX_TRACE("%s <-- (msg alloc error, message queue)", __func__);
-      return -1;
-    }
-    std::memcpy(msg->buffer1, cursor, static_cast<size_t>(len));
-    msg->len = len;
-    msg->msg_start = msg->buffer1;
-    msg->addr.src_ID = ccmch->ID;
-    msg->addr.src_type = ccmch->type;
-    if (trc_level()) {
-      trcdump(msg->msg_start, len, "complete message from " QX_CH_FMT, QX_CH_ARGS(ccmch));
-    }
-    if (ccm_classify_message(ccm, ccmch, msg, ccmerr) != 0) {
-      ccm_channel_delete(ccm, ccmch);
-      ccm_msg_free(ccm, msg);
-      if (control_len != 0 && !control_taken) close_passed_descriptors(control.bytes, control_len);
-      QX_TRACE("%s <-- (qualifing message error)", __func__);
-      return -1;
-    }
-    // Descriptors passed with this read belong to one message only, the first frame it
-    // completes: a copy on every frame would let two owners close the same descriptor.
-    if (control_len != 0 && !control_taken) {
-      std::memcpy(msg->control_data, control.bytes, control_len);
-      msg->control_len = control_len;
-      control_taken = true;
-      if (trc_level()) trcdump(msg->control_data, static_cast<int>(control_len), "control data");
-    }
-    count_unread(ccmch, msg);
-    {
-      ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
-      ccm_queue_unlink(ccm->msgq_inuse, msg);
-      ccm_queue_append(ccm->recvq, msg);
-    }
-    ccm_wakeup_processor(ccm);
-    left -= len;
-    cursor += len;
-  }
-  if (control_len != 0 && !control_taken) close_passed_descriptors(control.bytes, control_len);
-  keep_rest(ccmch, cursor, left);
-  QX_TRACE("%s <-- (datalen=%d,pos=%d)", __func__, left, ccmch->recv_pos);
-  return 0;
+  return cut_frames(ccm, ccmch, passed, ccmerr);
 }
 
 int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* /*ccmerr*/) {

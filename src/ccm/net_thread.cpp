@@ -234,28 +234,23 @@ int ccm_dispatch_send_messages(ccm_context_t* ccm) {
   return 0;
 }
 
-int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
-  ccm_select_sets_t& sets = ccm->select_sets;
-  ccm_fdset& fd_read = sets.read;
-  ccm_fdset& fd_write = sets.write;
-  ccm_fdset& fd_error = sets.error;
-  char* const read_text = sets.read_text;
-  char* const write_text = sets.write_text;
-  QX_TRACE("%s(ccm=%p, sizeof(fd_read) = %d) -->", __func__, static_cast<void*>(ccm),
-           static_cast<int>(sizeof fd_read));
-  {
-    ccm_channel_guard guard(ccm, ccm_lock_trace::kQuiet);
-    if (ccm->channel_newq.head != nullptr) ccm_channel_merge_newq(ccm);
-  }
-  ccm_dispatch_send_messages(ccm);
+namespace {
 
-  fd_read.clear_upto(sets.highest);
-  fd_write.clear_upto(sets.highest);
-  fd_error.clear_upto(sets.highest);
+// The select cycle's steps trace under the cycle's name.
+constexpr const char* kSelectFn = "ccm_network_select";
+
+// Step 3 of a cycle: the sets for every live channel with a watchable socket (read unless the
+// channel is not to be read or holds too much unread, error always, write with a non-empty
+// send queue) and the network wake-up pipe. Deleted channels are noted for the sweep; a socket
+// above the sets' reach deletes its channel. Returns the highest descriptor in the sets.
+int fill_sets(ccm_context_t* ccm, ccm_select_sets_t& sets) {
+  sets.read.clear_upto(sets.highest);
+  sets.write.clear_upto(sets.highest);
+  sets.error.clear_upto(sets.highest);
   int highest = 0;
   // Other threads never change channelq while the thread runs: no lock for the walk.
   for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = ch->nxt) {
-    trace_channel(__func__, ch);
+    trace_channel(kSelectFn, ch);
     if (is_deleted(ch)) {
       ccm_flag_set(ccm->flag, CCM_FLAG_CHANNEL_DELETED);
       continue;
@@ -267,39 +262,81 @@ int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
       ch->msgnr = CCM_MSGNR_SYSCALL;
       std::snprintf(ch->msginsert, sizeof ch->msginsert, "select(s=%d)|%d-%s|%s(ID=%d)", ch->s,
                     EBADF, std::strerror(EBADF), ch->name, ch->ID);
-      QX_TRACE("%s:      socket %d of channel %d cannot be watched", __func__, ch->s, ch->ID);
+      QX_TRACE("%s:      socket %d of channel %d cannot be watched", kSelectFn, ch->s, ch->ID);
       ccm_channel_delete(ccm, ch);
       continue;
     }
-    if (!(ccm_flag_get(ch->flag) & CCM_CHFLAG_NOREAD) && may_read(ch)) fd_read.add(ch->s);
-    fd_error.add(ch->s);
-    if (!sendq_empty(ccm, ch)) fd_write.add(ch->s);
+    if (!(ccm_flag_get(ch->flag) & CCM_CHFLAG_NOREAD) && may_read(ch)) sets.read.add(ch->s);
+    sets.error.add(ch->s);
+    if (!sendq_empty(ccm, ch)) sets.write.add(ch->s);
     if (ch->s > highest) highest = ch->s;
   }
   const int wakeup = ccm->network_wakeup[0];
   if (watchable(wakeup)) {
-    fd_read.add(wakeup);
+    sets.read.add(wakeup);
     if (wakeup > highest) highest = wakeup;
   }
-
   sets.highest = highest;
+  return highest;
+}
 
+// Step 4: the wait of at most `stimeout` seconds, traced with the sets before and after.
+// Returns select's result; *err is its errno, saved before the trace runs.
+int wait_ready(ccm_select_sets_t& sets, int highest, int stimeout, int* err) {
   timeval tv{};
   tv.tv_sec = stimeout;
   tv.tv_usec = 0;
   if (trc_level()) {
-    __trace_text(0, "%s:         select(maxfd=%d,READ[%s],WRITE[%s]) -->", __func__, highest + 1,
-                 ccm_fdset_text(read_text, CCM_FDSET_TEXT_SIZE, &fd_read, highest),
-                 ccm_fdset_text(write_text, CCM_FDSET_TEXT_SIZE, &fd_write, highest));
+    __trace_text(0, "%s:         select(maxfd=%d,READ[%s],WRITE[%s]) -->", kSelectFn, highest + 1,
+                 ccm_fdset_text(sets.read_text, CCM_FDSET_TEXT_SIZE, &sets.read, highest),
+                 ccm_fdset_text(sets.write_text, CCM_FDSET_TEXT_SIZE, &sets.write, highest));
   }
-  const int rslt =
-      select(highest + 1, fd_read.as_fd_set(), fd_write.as_fd_set(), fd_error.as_fd_set(), &tv);
-  const int err = errno;
+  const int rslt = select(highest + 1, sets.read.as_fd_set(), sets.write.as_fd_set(),
+                          sets.error.as_fd_set(), &tv);
+  *err = errno;
   if (trc_level()) {
-    __trace_text(0, "%s:         select(...) <-- (rslt=%d,READ[%s],WRITE[%s])", __func__, rslt,
-                 ccm_fdset_text(read_text, CCM_FDSET_TEXT_SIZE, &fd_read, highest),
-                 ccm_fdset_text(write_text, CCM_FDSET_TEXT_SIZE, &fd_write, highest));
+    __trace_text(0, "%s:         select(...) <-- (rslt=%d,READ[%s],WRITE[%s])", kSelectFn, rslt,
+                 ccm_fdset_text(sets.read_text, CCM_FDSET_TEXT_SIZE, &sets.read, highest),
+                 ccm_fdset_text(sets.write_text, CCM_FDSET_TEXT_SIZE, &sets.write, highest));
   }
+  return rslt;
+}
+
+// Step 5: the wake-up pipe is emptied when it was ready, then every ready channel is served.
+void serve_ready(ccm_context_t* ccm, const ccm_select_sets_t& sets) {
+  const int wakeup = ccm->network_wakeup[0];
+  if (watchable(wakeup) && sets.read.has(wakeup)) {
+    QX_TRACE("%s:      network woken up by other thread", kSelectFn);
+    // Every byte waiting is taken: each cycle dispatches the whole send queue and looks at
+    // every channel, so the work that the bytes before this point announced is all served.
+    ccm_drain_wakeup(wakeup);
+  }
+  ccm_channel_t* next = nullptr;
+  for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = next) {
+    next = ch->nxt;
+    if (is_deleted(ch) || ch->type == CCM_CHTYPE_NOSOCKET || !watchable(ch->s)) continue;
+    ccm_error_t own{};
+    serve_channel(ccm, ch, sets, &own);
+    ccm_log_error(own);
+  }
+}
+
+}  // namespace
+
+int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
+  ccm_select_sets_t& sets = ccm->select_sets;
+  QX_TRACE("%s(ccm=%p, sizeof(fd_read) = %d) -->", __func__, static_cast<void*>(ccm),
+           static_cast<int>(sizeof sets.read));
+  // Steps 1 and 2: channels entered since the last cycle join the list; queued messages go to
+  // their channels.
+  {
+    ccm_channel_guard guard(ccm, ccm_lock_trace::kQuiet);
+    if (ccm->channel_newq.head != nullptr) ccm_channel_merge_newq(ccm);
+  }
+  ccm_dispatch_send_messages(ccm);
+  const int highest = fill_sets(ccm, sets);
+  int err = 0;
+  const int rslt = wait_ready(sets, highest, stimeout, &err);
   if (rslt == 0) {
     QX_TRACE("%s <-- (timeout)", __func__);
     return 0;
@@ -313,26 +350,13 @@ int ccm_network_select(ccm_context_t* ccm, int stimeout, ccm_error_t* ccmerr) {
     char rtext[400];
     char wtext[400];
     ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "select(%d,RSET[%s],WSET[%s])|%d-%s", highest + 1,
-                  ccm_fdset_text(rtext, sizeof rtext, &fd_read, highest),
-                  ccm_fdset_text(wtext, sizeof wtext, &fd_write, highest), err, std::strerror(err));
+                  ccm_fdset_text(rtext, sizeof rtext, &sets.read, highest),
+                  ccm_fdset_text(wtext, sizeof wtext, &sets.write, highest), err,
+                  std::strerror(err));
     QX_TRACE("%s <-- (select error: %d-%s)", __func__, err, std::strerror(err));
     return -1;
   }
-  if (watchable(wakeup) && fd_read.has(wakeup)) {
-    QX_TRACE("%s:      network woken up by other thread", __func__);
-    // Every byte waiting is taken: each cycle dispatches the whole send queue and looks at
-    // every channel, so the work that the bytes before this point announced is all served.
-    ccm_drain_wakeup(wakeup);
-  }
-
-  ccm_channel_t* next = nullptr;
-  for (ccm_channel_t* ch = ccm->channelq.head; ch != nullptr; ch = next) {
-    next = ch->nxt;
-    if (is_deleted(ch) || ch->type == CCM_CHTYPE_NOSOCKET || !watchable(ch->s)) continue;
-    ccm_error_t own{};
-    serve_channel(ccm, ch, sets, &own);
-    ccm_log_error(own);
-  }
+  serve_ready(ccm, sets);
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }

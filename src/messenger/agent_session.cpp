@@ -180,6 +180,69 @@ void send_job_message(PCX* pcx) {
   }
 }
 
+// Step 5 of a run: up to `connect_retry` attempts, each a connect and a wait of at most the
+// time-out for the agent's greeting. True once the greeting came (the agent's channel is then
+// in `agentID`).
+bool connect_and_greet(PCX* pcx, long long pause, long long timeout_ms) {
+  ccm_error_t err{};
+  // A negative number of attempts counts as none.
+  const int attempts = std::max(pcx->connect_retry, 0);
+  for (int attempt = 0; attempt < attempts && !pcx->abnormal_end; attempt++) {
+    QX_TRACE("%s:      connection attempt #%d", kMain, attempt);
+    if (attempt > 0) {
+      QX_TRACE("%s:      wait %d seconds before retry connecting", kMain, pcx->connect_wait);
+      SleepMs(pause);
+    }
+    ccmID = ccm_connect(ccm, pcx->ipAddr, pcx->portnri, kAgentChannelType, nullptr,
+                        kConnectWaitSecs, &err);
+    if (ccmID < 0) {
+      QX_TRACE("%s:      connect failed", kMain);
+      continue;
+    }
+    if (wait_channel_message(ccmID, MonotonicMs() + timeout_ms, &ccmmsg) != WaitResult::kMessage) {
+      pcx->abnormal_end = 1;
+      return false;
+    }
+    if (ccmmsg->type == CCM_MSG_NATIVE && ccmmsg->protocol_key == kGreetingKey) {
+      pcx->agentID = ccmmsg->addr.src_ID;
+      return true;
+    }
+    // The channel of a rejected attempt is read no more: it is deleted at once (a peer that
+    // floods it meets a closed connection, not a growing queue). Its close notice comes later
+    // and is set aside by the next wait.
+    QX_TRACE("%s:      invalid answer", kMain);
+    ccm_msg_free(ccm, ccmmsg);
+    ccmmsg = nullptr;
+    ccm_channel_deletebyID(ccm, ccmID);
+    ccm_wakeup_network(ccm);
+  }
+  return false;
+}
+
+// Steps 6 and 7: the job message, and the wait for the reply. The reply and the writing of
+// the job message share one time-out. A reply comes only after the job message was written,
+// so once it is there nothing waits any more. When it does not come (or the wait fails), what
+// is still queued gets the rest of the time-out to reach the wire before the connection is
+// closed.
+void send_and_await_reply(PCX* pcx, long long timeout_ms) {
+  QX_TRACE("%s:      executordata arrived", kMain);
+  ccm_msg_free(ccm, ccmmsg);
+  ccmmsg = nullptr;
+  // Frames the agent sent along with its greeting are already queued: no reply among them.
+  int early = ccm_get_recvq_count(ccm);
+  send_job_message(pcx);
+  const long long deadline = MonotonicMs() + timeout_ms;
+  WaitResult r = wait_channel_message(pcx->agentID, deadline, &ccmmsg, &early);
+  if (r == WaitResult::kMessage && is_close_notice(ccmmsg)) {
+    QX_TRACE("%s:      the agent closed the connection without a reply", kMain);
+  }
+  if (ccmmsg != nullptr) {
+    ccm_msg_free(ccm, ccmmsg);
+    ccmmsg = nullptr;
+  }
+  drain_send_queues(pcx->agentID, deadline);
+}
+
 }  // namespace
 
 int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
@@ -210,66 +273,10 @@ int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
     trace_end(pcx);
     return exit_status(pcx);
   }
+  if (connect_and_greet(pcx, pause, timeout_ms)) send_and_await_reply(pcx, timeout_ms);
 
-  // A negative number of attempts counts as none.
-  const int attempts = std::max(pcx->connect_retry, 0);
-  bool greeted = false;
-  for (int attempt = 0; attempt < attempts && !greeted && !pcx->abnormal_end; attempt++) {
-    QX_TRACE("%s:      connection attempt #%d", kMain, attempt);
-    if (attempt > 0) {
-      QX_TRACE("%s:      wait %d seconds before retry connecting", kMain, pcx->connect_wait);
-      SleepMs(pause);
-    }
-    ccmID = ccm_connect(ccm, pcx->ipAddr, pcx->portnri, kAgentChannelType, nullptr,
-                        kConnectWaitSecs, &err);
-    if (ccmID < 0) {
-      QX_TRACE("%s:      connect failed", kMain);
-      continue;
-    }
-    if (wait_channel_message(ccmID, MonotonicMs() + timeout_ms, &ccmmsg) != WaitResult::kMessage) {
-      pcx->abnormal_end = 1;
-      break;
-    }
-    if (ccmmsg->type == CCM_MSG_NATIVE && ccmmsg->protocol_key == kGreetingKey) {
-      pcx->agentID = ccmmsg->addr.src_ID;
-      greeted = true;
-    } else {
-      // The channel of a rejected attempt is read no more: it is deleted at once (a peer
-      // that floods it meets a closed connection, not a growing queue). Its close notice
-      // comes later and is set aside by the next wait.
-      QX_TRACE("%s:      invalid answer", kMain);
-      ccm_msg_free(ccm, ccmmsg);
-      ccmmsg = nullptr;
-      ccm_channel_deletebyID(ccm, ccmID);
-      ccm_wakeup_network(ccm);
-    }
-  }
-
-  if (greeted) {
-    QX_TRACE("%s:      executordata arrived", kMain);
-    ccm_msg_free(ccm, ccmmsg);
-    ccmmsg = nullptr;
-    // Frames the agent sent along with its greeting are already queued: no reply among them.
-    int early = ccm_get_recvq_count(ccm);
-    send_job_message(pcx);
-
-    // The reply and the writing of the job message share one time-out. A reply comes only
-    // after the job message was written, so once it is there nothing waits any more. When
-    // it does not come (or the wait fails), what is still queued gets the rest of the
-    // time-out to reach the wire before the connection is closed.
-    const long long deadline = MonotonicMs() + timeout_ms;
-    WaitResult r = wait_channel_message(pcx->agentID, deadline, &ccmmsg, &early);
-    if (r == WaitResult::kMessage && is_close_notice(ccmmsg)) {
-      QX_TRACE("%s:      the agent closed the connection without a reply", kMain);
-    }
-    if (ccmmsg != nullptr) {
-      ccm_msg_free(ccm, ccmmsg);
-      ccmmsg = nullptr;
-    }
-    drain_send_queues(pcx->agentID, deadline);
-  }
-
-  // Shutdown: the agent's channel, the network thread, every other channel, the context.
+  // Step 8, shutdown: the agent's channel, the network thread, every other channel, the
+  // context.
   if (pcx->agentID != 0) {
     agent_channel_close_without_waiting(pcx->agentID);
     ccm_channel_deletebyID(ccm, pcx->agentID);
