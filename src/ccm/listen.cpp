@@ -85,6 +85,93 @@ void turn_away_after_shortage(int listener) {
   }
 }
 
+constexpr const char* kListenFn = "ccm_create_listen";
+
+// The listening socket of ccm_create_listen for `addr` (family set) and `port`: made,
+// reusable, bound, listening and non-blocking. The socket, or -1 with `ccmerr` filled and the
+// socket closed again; traced as steps of ccm_create_listen, with its exit line on failure.
+int open_listen_socket(sockaddr_in6 addr, int port, int listen_count, ccm_error_t* ccmerr) {
+  const int family = addr.sin6_family;
+  QX_TRACE("%s:         socket(family=%d) -->", kListenFn, family);
+  const int s = socket(family, SOCK_STREAM, 0);
+  int err = errno;
+  QX_TRACE("%s:         socket(...) <-- s=%d", kListenFn, s);
+  if (s < 0) {
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "socket(family=%d,addr=)|%d(%s)", family, err,
+                  std::strerror(err));
+    QX_TRACE("%s <-- (socket() error)", kListenFn);
+    return -1;
+  }
+  // From here on every failure closes the socket.
+  auto fail = [&](const char* why) {
+    close(s);
+    QX_TRACE("%s <-- (%s)", kListenFn, why);
+    return -1;
+  };
+
+  const int on = 1;
+  QX_TRACE("%s:         setsockopt(s=%d,SOL_SOCKET,SO_REUSEADDR)", kListenFn, s);
+  int rslt = setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  QX_TRACE("%s:         setsockopt() <-- rslt=%d", kListenFn, rslt);
+  if (family == AF_INET6) {
+    // Accept IPv4 clients on an IPv6 socket too.
+    const int off = 0;
+    QX_TRACE("%s:         setsockopt(s=%d,SOL_SOCKET,SO_REUSEADDR)", kListenFn, s);
+    rslt = setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    QX_TRACE("%s:         setsockopt() <-- rslt=%d", kListenFn, rslt);
+  }
+
+  addr.sin6_port = htons(static_cast<uint16_t>(port));
+  char text[CCM_ADDRSTR_SIZE];
+  ccm_address2string(&addr, text, sizeof text);
+  QX_TRACE("%s:         bind(%d,family=%d,addr=%s,port=%d) -->", kListenFn, s, family, text, port);
+  // The length of the larger address serves either family.
+  if (bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    err = errno;
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "bind(%s:%d)|%d(%s)", text, port, err,
+                  std::strerror(err));
+    return fail("bind() error");
+  }
+
+  QX_TRACE("%s:         listen(socket=%d,count=%d) -->", kListenFn, s, listen_count);
+  errno = 0;
+  rslt = listen(s, listen_count);
+  err = errno;
+  QX_TRACE("%s:         listen(...) <-- rslt=%d,errno=%d(%s)", kListenFn, rslt, err,
+           std::strerror(err));
+  if (rslt != 0) {
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "listen()|%d(%s)", err, std::strerror(err));
+    return fail("listen() error");
+  }
+
+  err = ccm_fd_set_nonblocking(s, kListenFn);
+  if (err != 0) {
+    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "listen()|%d(%s)", err, std::strerror(err));
+    return fail("ioctl error, dontblock");
+  }
+
+  return s;
+}
+
+// The "CHANNEL_ACCEPT" notice of channel `id`; null when no message could be had, which is
+// logged and put in `ccmerr`.
+ccm_msg_t* accept_notice(ccm_context_t* ccm, int id, ccm_error_t* ccmerr) {
+  ccm_error_t alloc_err{};
+  ccm_msg_t* msg = ccm_msg_alloc(ccm, &alloc_err);
+  if (msg == nullptr) {
+    ccm_log_error(alloc_err);
+    ccm_set_error(ccmerr, alloc_err.msgnr, "%s", alloc_err.msginsert);
+    return nullptr;
+  }
+  unsigned char* p = msg->msg_start;
+  std::memset(p, 0, sizeof(ipcmsg_channel_accept_t));
+  std::memcpy(p + offsetof(ipcmsg_channel_accept_t, head), IPCMSG_CHANNEL_ACCEPT,
+              sizeof IPCMSG_CHANNEL_ACCEPT);
+  std::memcpy(p + offsetof(ipcmsg_channel_accept_t, ID), &id, sizeof id);
+  msg->len = static_cast<int>(sizeof(ipcmsg_channel_accept_t));
+  return msg;
+}
+
 }  // namespace
 
 int ccm_create_listen(ccm_context_t* ccm, const char* pbind_addr, int port, int listen_count,
@@ -113,68 +200,14 @@ int ccm_create_listen(ccm_context_t* ccm, const char* pbind_addr, int port, int 
       return -1;
     }
   }
-  const int family = addr.sin6_family;
-
-  QX_TRACE("%s:         socket(family=%d) -->", __func__, family);
-  const int s = socket(family, SOCK_STREAM, 0);
-  int err = errno;
-  QX_TRACE("%s:         socket(...) <-- s=%d", __func__, s);
-  if (s < 0) {
-    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "socket(family=%d,addr=)|%d(%s)", family, err,
-                  std::strerror(err));
-    QX_TRACE("%s <-- (socket() error)", __func__);
-    return -1;
-  }
-  // From here on every failure closes the socket.
-  auto fail = [&](const char* why) {
-    close(s);
-    QX_TRACE("%s <-- (%s)", "ccm_create_listen", why);
-    return -1;
-  };
-
-  const int on = 1;
-  QX_TRACE("%s:         setsockopt(s=%d,SOL_SOCKET,SO_REUSEADDR)", __func__, s);
-  int rslt = setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  QX_TRACE("%s:         setsockopt() <-- rslt=%d", __func__, rslt);
-  if (family == AF_INET6) {
-    // Accept IPv4 clients on an IPv6 socket too.
-    const int off = 0;
-    QX_TRACE("%s:         setsockopt(s=%d,SOL_SOCKET,SO_REUSEADDR)", __func__, s);
-    rslt = setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
-    QX_TRACE("%s:         setsockopt() <-- rslt=%d", __func__, rslt);
-  }
-
-  addr.sin6_port = htons(static_cast<uint16_t>(port));
-  char text[CCM_ADDRSTR_SIZE];
-  ccm_address2string(&addr, text, sizeof text);
-  QX_TRACE("%s:         bind(%d,family=%d,addr=%s,port=%d) -->", __func__, s, family, text, port);
-  // The length of the larger address serves either family.
-  if (bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    err = errno;
-    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "bind(%s:%d)|%d(%s)", text, port, err,
-                  std::strerror(err));
-    return fail("bind() error");
-  }
-
-  QX_TRACE("%s:         listen(socket=%d,count=%d) -->", __func__, s, listen_count);
-  errno = 0;
-  rslt = listen(s, listen_count);
-  err = errno;
-  QX_TRACE("%s:         listen(...) <-- rslt=%d,errno=%d(%s)", __func__, rslt, err,
-           std::strerror(err));
-  if (rslt != 0) {
-    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "listen()|%d(%s)", err, std::strerror(err));
-    return fail("listen() error");
-  }
-
-  err = ccm_fd_set_nonblocking(s, __func__);
-  if (err != 0) {
-    ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "listen()|%d(%s)", err, std::strerror(err));
-    return fail("ioctl error, dontblock");
-  }
-
+  const int s = open_listen_socket(addr, port, listen_count, ccmerr);
+  if (s < 0) return -1;
   ccm_channel_t* ch = nullptr;
-  if (ccm_channel_new_entry(ccm, &ch, ccmerr) != 0) return fail("channel entry create error");
+  if (ccm_channel_new_entry(ccm, &ch, ccmerr) != 0) {
+    close(s);
+    QX_TRACE("%s <-- (%s)", __func__, "channel entry create error");
+    return -1;
+  }
   reserve_spare_descriptor();
   ch->s = s;
   ch->type = CCM_CHTYPE_LISTEN;
@@ -223,22 +256,12 @@ int ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* 
   // Without the notice the processing thread would never learn of the connection: it could
   // neither address it nor tell apart what arrives on it. Such a connection is closed again
   // at once (the partner sees the close and may try again) and the shortage is logged.
-  ccm_error_t alloc_err{};
-  ccm_msg_t* msg = ccm_msg_alloc(ccm, &alloc_err);
+  ccm_msg_t* msg = accept_notice(ccm, ch->ID, ccmerr);
   if (msg == nullptr) {
-    __log(alloc_err.msgnr, "%s", alloc_err.msginsert);
-    if (ccmerr != nullptr) *ccmerr = alloc_err;
     discard_unannounced(ccm, ch);
     QX_TRACE("%s <-- (no message for the accept notice, connection closed)", __func__);
     return -1;
   }
-  unsigned char* p = msg->msg_start;
-  std::memset(p, 0, sizeof(ipcmsg_channel_accept_t));
-  std::memcpy(p + offsetof(ipcmsg_channel_accept_t, head), IPCMSG_CHANNEL_ACCEPT,
-              sizeof IPCMSG_CHANNEL_ACCEPT);
-  const int id = ch->ID;
-  std::memcpy(p + offsetof(ipcmsg_channel_accept_t, ID), &id, sizeof id);
-  msg->len = static_cast<int>(sizeof(ipcmsg_channel_accept_t));
 
   trace_channel_exit(__func__, "new channel created: ", ch);
   ccm_channel_chain(ccm, ch);
