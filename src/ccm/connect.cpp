@@ -119,6 +119,43 @@ const char* start_with_next_address(ccm_context_t* ccm, ccm_channel_t* ch, ccm_e
   return why;
 }
 
+// What no channel could carry: "port" or "host", or null when both are fine.
+const char* refused_argument(const char* host, int port) {
+  if (port < 1 || port > 65535) return "port";
+  if (host == nullptr || strnlen(host, CCM_HOST_SIZE) >= CCM_HOST_SIZE) return "host";
+  return nullptr;
+}
+
+// Starts the connection at the first of `naddrs` addresses and keeps the others on the
+// channel for later; when the first is refused at once, moves on to the next ones now. Null,
+// or what failed (with `ccmerr` filled).
+const char* start_at_first_usable(ccm_context_t* ccm, ccm_channel_t* ch, const sockaddr_in6* addrs,
+                                  int naddrs, ccm_error_t* ccmerr) {
+  int failed = 0;
+  ch->s = -1;
+  if (const char* why = start_connection(ccm, ch, addrs[0], &failed, ccmerr); why != nullptr) {
+    if (naddrs == 1 || !try_next_after(failed)) return why;
+  }
+  for (int k = 1; k < naddrs; ++k)
+    ch->next_addr[k - 1] = addrs[k];
+  ch->next_addr_count = naddrs - 1;
+  ch->next_addr_pos = 0;
+  if (failed != 0) return start_with_next_address(ccm, ch, ccmerr);
+  return nullptr;
+}
+
+// Gives a new outgoing channel its partner: type, port, host, the first address, the connect
+// user context; the attempt is logged.
+void describe_partner(ccm_channel_t* ch, const char* host, int port, int type, sockaddr_in6 first,
+                      ccm_connect_user_context_t* cuc) {
+  ch->type = type;
+  ch->port = port;
+  ccm_copy_text(ch->host, sizeof ch->host, host);
+  ccm_address2string(&first, ch->addr, sizeof ch->addr);
+  ch->cuc = cuc;
+  __log(CCM_MSGNR_CONNECT_LOG, "%s:%d(ID=%d)", host, port, ch->ID);
+}
+
 }  // namespace
 
 int ccm_set_nonblocking(ccm_context_t* /*ccm*/, ccm_channel_t* ccmch, ccm_error_t* ccmerr) {
@@ -158,13 +195,7 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type,
 
   // Arguments that no channel could carry are refused before anything is made; the connect
   // user context goes with the refusal, as it would with a channel.
-  const char* refused = nullptr;
-  if (port < 1 || port > 65535) {
-    refused = "port";
-  } else if (host == nullptr || strnlen(host, CCM_HOST_SIZE) >= CCM_HOST_SIZE) {
-    refused = "host";
-  }
-  if (refused != nullptr) {
+  if (const char* refused = refused_argument(host, port); refused != nullptr) {
     ccm_set_error(ccmerr, CCM_MSGNR_SYSCALL, "connect()|%d(%s),%s(%d)|", EINVAL, strerror(EINVAL),
                   refused, port);
     ccm_free(cuc);
@@ -189,12 +220,7 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type,
     QX_TRACE("%s <-- (channel entry create error)", __func__);
     return -1;
   }
-  ch->type = type;
-  ch->port = port;
-  ccm_copy_text(ch->host, sizeof ch->host, host);
-  ccm_address2string(&addrs[0], ch->addr, sizeof ch->addr);
-  ch->cuc = cuc;
-  __log(CCM_MSGNR_CONNECT_LOG, "%s:%d(ID=%d)", host, port, ch->ID);
+  describe_partner(ch, host, port, type, addrs[0], cuc);
 
   // From here on every failure destroys the channel, which closes its socket, frees the
   // connect user context and puts a close notice on the receive queue.
@@ -206,19 +232,8 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type,
     return -1;
   };
 
-  int failed = 0;
-  ch->s = -1;
-  if (const char* why = start_connection(ccm, ch, addrs[0], &failed, ccmerr); why != nullptr) {
-    if (naddrs == 1 || !try_next_after(failed)) return fail(why);
-  }
-  for (int k = 1; k < naddrs; ++k)
-    ch->next_addr[k - 1] = addrs[k];
-  ch->next_addr_count = naddrs - 1;
-  ch->next_addr_pos = 0;
-  if (failed != 0) {
-    if (const char* why = start_with_next_address(ccm, ch, ccmerr); why != nullptr)
-      return fail(why);
-  }
+  if (const char* why = start_at_first_usable(ccm, ch, addrs, naddrs, ccmerr); why != nullptr)
+    return fail(why);
 
   int id = ch->ID;
   ch->connect_timeout_secs = connwait;

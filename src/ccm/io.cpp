@@ -226,6 +226,38 @@ int cut_frames(ccm_context_t* ccm, ccm_channel_t* ccmch, passed_descriptors& pas
   return 0;
 }
 
+// The writer's steps trace under the writer's name.
+constexpr const char* kWriteFn = "ccm_write_channel";
+
+// Sends the next `chunk` bytes of `msg` from its position, with its control data (every send
+// of a message carries it). sendmsg's result, its errno in *err (saved before the trace).
+ssize_t send_chunk(ccm_channel_t* ccmch, ccm_msg_t* msg, int chunk, int* err) {
+  unsigned char* data = msg->msg_start + msg->pos;
+  if (trc_level()) trcdump(data, chunk, "sendmsg() to " QX_CH_FMT, QX_CH_ARGS(ccmch));
+  iovec iov{};
+  iov.iov_base = data;
+  iov.iov_len = static_cast<size_t>(chunk);
+  msghdr mh{};
+  mh.msg_iov = &iov;
+  mh.msg_iovlen = 1;
+  control_area control{};
+  if (msg->control_len != 0) {
+    const size_t clen = std::min(msg->control_len, sizeof control.bytes);
+    std::memcpy(control.bytes, msg->control_data, clen);
+    mh.msg_control = control.bytes;
+    mh.msg_controllen = clen;
+    if (trc_level()) trcdump(control.bytes, static_cast<int>(clen), "control data");
+  }
+  ccmch->timestamp_last_io = time(nullptr);
+  QX_TRACE("%s:         send(len=%d) -->", kWriteFn, chunk);
+  errno = 0;
+  // MSG_NOSIGNAL: a partner that reset the connection must end the channel, not the process.
+  const ssize_t n = sendmsg(ccmch->s, &mh, MSG_NOSIGNAL);
+  *err = errno;
+  QX_TRACE("%s:         sendmsg(...) <-- (rslt=%d,errno=%d)", kWriteFn, static_cast<int>(n), *err);
+  return n;
+}
+
 }  // namespace
 
 int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* ccmerr) {
@@ -279,32 +311,8 @@ int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* ccmch, ccm_error_t* /*c
       msg->pos = msg->pos < 0 ? 0 : msg->len;
     }
     const int chunk = std::min(msg->len - msg->pos, CCM_SEND_CHUNK);
-    unsigned char* data = msg->msg_start + msg->pos;
-    if (trc_level()) {
-      trcdump(data, chunk, "sendmsg() to " QX_CH_FMT, QX_CH_ARGS(ccmch));
-    }
-    iovec iov{};
-    iov.iov_base = data;
-    iov.iov_len = static_cast<size_t>(chunk);
-    msghdr mh{};
-    mh.msg_iov = &iov;
-    mh.msg_iovlen = 1;
-    control_area control{};
-    if (msg->control_len != 0) {
-      // Every send of the message carries its control data.
-      const size_t clen = std::min(msg->control_len, sizeof control.bytes);
-      std::memcpy(control.bytes, msg->control_data, clen);
-      mh.msg_control = control.bytes;
-      mh.msg_controllen = clen;
-      if (trc_level()) trcdump(control.bytes, static_cast<int>(clen), "control data");
-    }
-    ccmch->timestamp_last_io = time(nullptr);
-    QX_TRACE("%s:         send(len=%d) -->", __func__, chunk);
-    errno = 0;
-    // MSG_NOSIGNAL: a partner that reset the connection must end the channel, not the process.
-    const ssize_t n = sendmsg(ccmch->s, &mh, MSG_NOSIGNAL);
-    const int err = errno;
-    QX_TRACE("%s:         sendmsg(...) <-- (rslt=%d,errno=%d)", __func__, static_cast<int>(n), err);
+    int err = 0;
+    const ssize_t n = send_chunk(ccmch, msg, chunk, &err);
     if (n < 0) {
       if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) {
         QX_TRACE("%s <-- (WouldBlock,pos=%d)", __func__, msg->pos);
