@@ -193,6 +193,59 @@ bool claims_internal_notice(const unsigned char* body, int len) {
   return type == IPCMSG_CHANNEL_CLOSE || type == IPCMSG_CHANNEL_ACCEPT;
 }
 
+// Takes one entry of a native or NAT body into the message: an address field, a native
+// payload (gathered at the start of `body`, which is `body_len` bytes), the source block or the NAT
+// payload. True when a native payload was gathered and must move to the message's buffer.
+bool take_entry(ccm_msg_t* ccmmsg, ccm_channel_t* ccmch, unsigned char key, int form,
+                const Entry& e, unsigned char* body, unsigned char* entry, size_t body_len) {
+  unsigned char* const data = entry + e.header;
+  ccm_addr_t& a = ccmmsg->addr;
+  bool moved = false;
+  switch (key) {
+    case kKeyDstName:
+      copy_text(a.dst_name, sizeof a.dst_name, data, e.n);
+      strip(a.dst_name);
+      break;
+    case kKeyDstAcv:
+      std::memcpy(&a.dst_acv, data, sizeof a.dst_acv);
+      break;
+    case kKeyDstAddr:
+      copy_text(a.dst_addr, sizeof a.dst_addr, data, e.n);
+      strip(a.dst_addr);
+      break;
+    case kKeyNative4:
+    case kKeyNative7:
+      // The short native forms stand alone in their body; their length is the body's.
+      extract_protocol_data(entry, form, body);
+      ccmmsg->protocol_key = key;
+      ccmmsg->msg_start = body;
+      ccmmsg->len = static_cast<int>(body_len - 2);
+      moved = true;
+      break;
+    case kKeyNativeSemi:
+    case kKeyNativeF9:
+    case kKeyNativeA:
+    case kKeyNativeD:
+      extract_protocol_data(entry, form, body);
+      ccmmsg->protocol_key = key;
+      ccmmsg->msg_start = body;
+      ccmmsg->len = static_cast<int>(e.n);
+      moved = true;
+      break;
+    case kKeySrcBlock:
+      parse_source_block(ccmmsg, data, e.n);
+      break;
+    case kKeyNat16:
+    case kKeyNat32:
+      ccmmsg->type = CCM_MSG_NAT;
+      ccmmsg->msg_start = data;
+      ccmmsg->len = static_cast<int>(e.n);
+      if (ccmch != nullptr) std::atomic_ref<int>(ccmch->flag).fetch_and(~CCM_CHFLAG_CONNECTING);
+      break;
+  }
+  return moved;
+}
+
 }  // namespace
 
 void ccm_set_gss_classifier(ccm_context_t* ccm, ccm_gss_classifier_t hook) {
@@ -387,49 +440,7 @@ int ccm_parse_native_message(ccm_context_t* /*ccm*/, ccm_channel_t* ccmch, ccm_m
       QX_TRACE("%s <-- (entry of key %d(0x%.2X) does not fit the frame)", __func__, key, key);
       return -1;
     }
-    unsigned char* const data = body + off + e->header;
-    switch (key) {
-      case kKeyDstName:
-        copy_text(a.dst_name, sizeof a.dst_name, data, e->n);
-        strip(a.dst_name);
-        break;
-      case kKeyDstAcv:
-        std::memcpy(&a.dst_acv, data, sizeof a.dst_acv);
-        break;
-      case kKeyDstAddr:
-        copy_text(a.dst_addr, sizeof a.dst_addr, data, e->n);
-        strip(a.dst_addr);
-        break;
-      case kKeyNative4:
-      case kKeyNative7:
-        // The short native forms stand alone in their body; their length is the body's.
-        extract_protocol_data(body + off, form, body);
-        ccmmsg->protocol_key = key;
-        ccmmsg->msg_start = body;
-        ccmmsg->len = static_cast<int>(body_len - 2);
-        moved = true;
-        break;
-      case kKeyNativeSemi:
-      case kKeyNativeF9:
-      case kKeyNativeA:
-      case kKeyNativeD:
-        extract_protocol_data(body + off, form, body);
-        ccmmsg->protocol_key = key;
-        ccmmsg->msg_start = body;
-        ccmmsg->len = static_cast<int>(e->n);
-        moved = true;
-        break;
-      case kKeySrcBlock:
-        parse_source_block(ccmmsg, data, e->n);
-        break;
-      case kKeyNat16:
-      case kKeyNat32:
-        ccmmsg->type = CCM_MSG_NAT;
-        ccmmsg->msg_start = data;
-        ccmmsg->len = static_cast<int>(e->n);
-        if (ccmch != nullptr) std::atomic_ref<int>(ccmch->flag).fetch_and(~CCM_CHFLAG_CONNECTING);
-        break;
-    }
+    moved |= take_entry(ccmmsg, ccmch, key, form, *e, body, body + off, body_len);
     off += e->size();
   }
 
