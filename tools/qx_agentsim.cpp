@@ -516,6 +516,51 @@ constexpr char kHelp[] =
     "Exit status: 0, or 2 for a wrong command line or a port it cannot use.\n"
     "See qx_agentsim(1).\n";
 
+// Many simultaneous job runs need many descriptors.
+void raise_descriptor_limit() {
+  rlimit rl;
+  if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
+    rl.rlim_cur = rl.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &rl);
+  }
+}
+
+// SIGTERM and SIGINT ask for a stop, SIGALRM ends the grace time. The stop signals are
+// blocked until the threads are started, so that the network and output threads never see
+// them: they interrupt the main thread's wait. Returns the set to unblock.
+sigset_t catch_stop_signals() {
+  struct sigaction sa {};
+  sa.sa_handler = on_stop;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGTERM, &sa, nullptr);
+  sigaction(SIGINT, &sa, nullptr);
+  sa.sa_handler = on_grace_over;
+  sigaction(SIGALRM, &sa, nullptr);
+  sigset_t stops;
+  sigemptyset(&stops);
+  sigaddset(&stops, SIGTERM);
+  sigaddset(&stops, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &stops, nullptr);
+  return stops;
+}
+
+// Says where it listens, then answers clients until a stop or until `count` events.
+void serve(ccm_context_t* ccm, const Options& o) {
+  ccm_error_t err{};
+  ccm_wakeup_network(ccm);
+  g_out.line("listening on " + o.addr + " port " + std::to_string(listening_port(ccm)));
+  Clients clients(ccm, o);
+  long events = 0;
+  while (!g_stop && (o.count == 0 || events < o.count)) {
+    ccm_msg_t* m = nullptr;
+    if (ccm_receive_message(ccm, 1, &m, &err) > 0 && m != nullptr) {
+      if (handle(ccm, o, clients, m)) events++;
+      ccm_msg_free(ccm, m);
+    }
+    clients.close_idle();
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -532,27 +577,8 @@ int main(int argc, char** argv) {
     printf("%s%s", kUsage, kHelp);
     return 0;
   }
-  // Many simultaneous job runs need many descriptors.
-  rlimit rl;
-  if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
-    rl.rlim_cur = rl.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &rl);
-  }
-
-  struct sigaction sa {};
-  sa.sa_handler = on_stop;
-  sigemptyset(&sa.sa_mask);
-  sigaction(SIGTERM, &sa, nullptr);
-  sigaction(SIGINT, &sa, nullptr);
-  sa.sa_handler = on_grace_over;
-  sigaction(SIGALRM, &sa, nullptr);
-  // The network and output threads never see the stop signals: they interrupt the main
-  // thread's wait.
-  sigset_t stops;
-  sigemptyset(&stops);
-  sigaddset(&stops, SIGTERM);
-  sigaddset(&stops, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &stops, nullptr);
+  raise_descriptor_limit();
+  const sigset_t stops = catch_stop_signals();
 
   ccm_app_context_head app{};
   app.running_mode = 0;
@@ -576,20 +602,7 @@ int main(int argc, char** argv) {
   }
   pthread_sigmask(SIG_UNBLOCK, &stops, nullptr);
 
-  if (g_exit_status == 0) {
-    ccm_wakeup_network(ccm);
-    g_out.line("listening on " + o.addr + " port " + std::to_string(listening_port(ccm)));
-    Clients clients(ccm, o);
-    long events = 0;
-    while (!g_stop && (o.count == 0 || events < o.count)) {
-      ccm_msg_t* m = nullptr;
-      if (ccm_receive_message(ccm, 1, &m, &err) > 0 && m != nullptr) {
-        if (handle(ccm, o, clients, m)) events++;
-        ccm_msg_free(ccm, m);
-      }
-      clients.close_idle();
-    }
-  }
+  if (g_exit_status == 0) serve(ccm, o);
 
   // From here on the process ends within the grace time, whatever blocks.
   begin_stop();
