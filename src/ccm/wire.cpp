@@ -246,6 +246,35 @@ bool take_entry(ccm_msg_t* ccmmsg, ccm_channel_t* ccmch, unsigned char key, int 
   return moved;
 }
 
+// Appends the source block (key 0x03) behind the payload: the source address, name and value
+// that are set, each as an entry.
+void append_source_block(ccm_msg_t* ccmmsg, size_t src_addr_len) {
+  const ccm_addr_t& a = ccmmsg->addr;
+  unsigned char* blk = ccmmsg->msg_start + ccmmsg->len;
+  unsigned char* q = blk + 3;
+  if (src_addr_len > 0) {
+    q[0] = kKeyDstAddr;
+    q[1] = static_cast<unsigned char>(src_addr_len);
+    std::memcpy(q + 2, a.src_addr, src_addr_len);
+    q += src_addr_len + 2;
+  }
+  if (a.src_name[0] != '\0') {
+    q[0] = kKeyDstName;
+    q[1] = 8;
+    put_name8(q + 2, a.src_name, sizeof a.src_name);
+    q += 10;
+  }
+  if (a.src_acv != 0) {
+    q[0] = kKeyDstAcv;
+    q[1] = 4;
+    std::memcpy(q + 2, &a.src_acv, 4);
+    q += 6;
+  }
+  blk[0] = kKeySrcBlock;
+  write_u16(blk + 1, static_cast<uint16_t>(q - blk - 3));
+  ccmmsg->len += static_cast<int>(q - blk);
+}
+
 }  // namespace
 
 void ccm_set_gss_classifier(ccm_context_t* ccm, ccm_gss_classifier_t hook) {
@@ -327,31 +356,7 @@ int cmm_msg_write_sr_data(ccm_msg_t* ccmmsg) {
   ccmmsg->len += static_cast<int>(ccmmsg->msg_start - p);
   ccmmsg->msg_start = p;
 
-  if (src_block) {
-    unsigned char* blk = ccmmsg->msg_start + ccmmsg->len;
-    unsigned char* q = blk + 3;
-    if (src_addr_len > 0) {
-      q[0] = kKeyDstAddr;
-      q[1] = static_cast<unsigned char>(src_addr_len);
-      std::memcpy(q + 2, a.src_addr, src_addr_len);
-      q += src_addr_len + 2;
-    }
-    if (a.src_name[0] != '\0') {
-      q[0] = kKeyDstName;
-      q[1] = 8;
-      put_name8(q + 2, a.src_name, sizeof a.src_name);
-      q += 10;
-    }
-    if (a.src_acv != 0) {
-      q[0] = kKeyDstAcv;
-      q[1] = 4;
-      std::memcpy(q + 2, &a.src_acv, 4);
-      q += 6;
-    }
-    blk[0] = kKeySrcBlock;
-    write_u16(blk + 1, static_cast<uint16_t>(q - blk - 3));
-    ccmmsg->len += static_cast<int>(q - blk);
-  }
+  if (src_block) append_source_block(ccmmsg, src_addr_len);
   QX_TRACE("%s <-- (OK)", __func__);
   return 0;
 }
