@@ -87,6 +87,21 @@ void turn_away_after_shortage(int listener) {
 
 constexpr const char* kListenFn = "ccm_create_listen";
 
+// The address may be reused at once; an IPv6 socket takes IPv4 clients too. Failures are
+// traced and otherwise ignored: the socket still listens.
+void set_listen_options(int s, int family) {
+  const int on = 1;
+  QX_TRACE("%s:         setsockopt(s=%d,SOL_SOCKET,SO_REUSEADDR)", kListenFn, s);
+  int rslt = setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  QX_TRACE("%s:         setsockopt() <-- rslt=%d", kListenFn, rslt);
+  if (family == AF_INET6) {
+    const int off = 0;
+    QX_TRACE("%s:         setsockopt(s=%d,SOL_SOCKET,SO_REUSEADDR)", kListenFn, s);
+    rslt = setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    QX_TRACE("%s:         setsockopt() <-- rslt=%d", kListenFn, rslt);
+  }
+}
+
 // The listening socket of ccm_create_listen for `addr` (family set) and `port`: made,
 // reusable, bound, listening and non-blocking. The socket, or -1 with `ccmerr` filled and the
 // socket closed again; traced as steps of ccm_create_listen, with its exit line on failure.
@@ -109,17 +124,7 @@ int open_listen_socket(sockaddr_in6 addr, int port, int listen_count, ccm_error_
     return -1;
   };
 
-  const int on = 1;
-  QX_TRACE("%s:         setsockopt(s=%d,SOL_SOCKET,SO_REUSEADDR)", kListenFn, s);
-  int rslt = setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  QX_TRACE("%s:         setsockopt() <-- rslt=%d", kListenFn, rslt);
-  if (family == AF_INET6) {
-    // Accept IPv4 clients on an IPv6 socket too.
-    const int off = 0;
-    QX_TRACE("%s:         setsockopt(s=%d,SOL_SOCKET,SO_REUSEADDR)", kListenFn, s);
-    rslt = setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
-    QX_TRACE("%s:         setsockopt() <-- rslt=%d", kListenFn, rslt);
-  }
+  set_listen_options(s, family);
 
   addr.sin6_port = htons(static_cast<uint16_t>(port));
   char text[CCM_ADDRSTR_SIZE];
@@ -135,7 +140,7 @@ int open_listen_socket(sockaddr_in6 addr, int port, int listen_count, ccm_error_
 
   QX_TRACE("%s:         listen(socket=%d,count=%d) -->", kListenFn, s, listen_count);
   errno = 0;
-  rslt = listen(s, listen_count);
+  const int rslt = listen(s, listen_count);
   err = errno;
   QX_TRACE("%s:         listen(...) <-- rslt=%d,errno=%d(%s)", kListenFn, rslt, err,
            std::strerror(err));
