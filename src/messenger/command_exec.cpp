@@ -224,6 +224,12 @@ class Expander {
         return HereDocOperator();
       }
     }
+    return Nesting(c, kind);
+  }
+
+  // Brackets in a command, substitution or parameter frame: they nest, and the closing one of
+  // the frame ends it.
+  bool Nesting(char c, Kind kind) {
     Frame& f = top();
     if (c == '(' || (c == '{' && kind == Kind::kParam)) {
       ++f.depth;
