@@ -41,11 +41,10 @@ const ArgumentKey* Find(const char* key) {
   return nullptr;
 }
 
-// Applies one key=value pair. Returns true when the key was CMD.
-bool Apply(PCX* pcx, const char* key, char* value) {
-  const ArgumentKey* known = Find(key);
-  if (known == nullptr) return false;  // unknown keys are ignored
-  switch (known->id) {
+// The keys that name the event and where it goes: job, port, type, text, return code,
+// address, client. False for any other key, which is left to Apply.
+bool ApplyEventKey(PCX* pcx, ArgumentId id, const char* value) {
+  switch (id) {
     case ArgumentId::kJNR:
       pcx->jobnri = atoi(value);
       break;
@@ -69,6 +68,18 @@ bool Apply(PCX* pcx, const char* key, char* value) {
     case ArgumentId::kMNR:
       pcx->client = static_cast<short>(atoi(value));  // kept in 16 bits
       break;
+    default:
+      return false;
+  }
+  return true;
+}
+
+// Applies one key=value pair. Returns true when the key was CMD.
+bool Apply(PCX* pcx, const char* key, char* value) {
+  const ArgumentKey* known = Find(key);
+  if (known == nullptr) return false;  // unknown keys are ignored
+  if (ApplyEventKey(pcx, known->id, value)) return false;
+  switch (known->id) {
     case ArgumentId::kRETRY:
       pcx->connect_retry = atoi(value);
       break;
@@ -102,6 +113,8 @@ bool Apply(PCX* pcx, const char* key, char* value) {
       break;
     case ArgumentId::kVTYPE:
       pcx->var_type = value[0];
+      break;
+    default:  // the event's keys, taken above
       break;
   }
   return false;
