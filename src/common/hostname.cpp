@@ -56,6 +56,31 @@ int SocketBuffer(int Socket, int option) {
   return size;
 }
 
+// The verifier's steps trace under its name.
+constexpr const char* kVerifyName = "verifyHostDef";
+
+// The host name of a numeric address (`host`, parsed into `addr`) into `hostName`; when the
+// address has no name, the resolver's error goes into `qx7err` with result 1.
+void NameOfAddress(const char* host, in_addr_t addr, char* hostName, int hostSize,
+                   qx7_error* qx7err) {
+  static constexpr const char* kName = kVerifyName;
+  QX_TRACE("%s     TCP/IP address '%s' was accepted.", kName, host);
+  QX_TRACE("%s     call gethostbyaddr() function", kName);
+  h_errno = 0;
+  const hostent* entry = gethostbyaddr(&addr, sizeof addr, AF_INET);
+  if (entry != nullptr) {
+    StringCopy(hostName, hostSize, entry->h_name);
+    QX_TRACE("%s     host entry was successfull determined", kName);
+    QX_TRACE("%s     host name '%s' was accepted.", kName, entry->h_name);
+    return;
+  }
+  qx7err->qx_errno = h_errno;
+  qx7err->qx_result = 1;
+  QX_TRACE("%s     host information for '%s' not found, errno %i", kName, host, qx7err->qx_errno);
+  getHerrnoString(qx7err->qx_msgInsert, sizeof qx7err->qx_msgInsert, qx7err->qx_errno);
+  QX_TRACE("%s     result '%s' from gethostbyaddr()-call", kName, qx7err->qx_msgInsert);
+}
+
 }  // namespace
 
 char* GetHostAddrTh(const char* Host, char* TcpAddr, int oLen) {
@@ -116,7 +141,7 @@ char* GetHostNameTh(const char* IpAddr, char* HostName, int oLen) {
 
 int verifyHostDef(const char* HostDef, char* hostName, int hostSize, char* ipAddr, int ipSize,
                   qx7_error* qx7err) {
-  static constexpr const char* kName = "verifyHostDef";
+  static constexpr const char* kName = kVerifyName;
   qx7_error scratch;
   if (qx7err == nullptr) qx7err = &scratch;
   if (HostDef == nullptr) HostDef = "";
@@ -140,22 +165,7 @@ int verifyHostDef(const char* HostDef, char* hostName, int hostSize, char* ipAdd
   in_addr_t addr;
   if (ParseAddress(host, &addr)) {
     StringCopy(ipAddr, ipSize, host);
-    QX_TRACE("%s     TCP/IP address '%s' was accepted.", kName, host);
-    QX_TRACE("%s     call gethostbyaddr() function", kName);
-    h_errno = 0;
-    const hostent* entry = gethostbyaddr(&addr, sizeof addr, AF_INET);
-    if (entry != nullptr) {
-      StringCopy(hostName, hostSize, entry->h_name);
-      QX_TRACE("%s     host entry was successfull determined", kName);
-      QX_TRACE("%s     host name '%s' was accepted.", kName, entry->h_name);
-    } else {
-      qx7err->qx_errno = h_errno;
-      qx7err->qx_result = 1;
-      QX_TRACE("%s     host information for '%s' not found, errno %i", kName, host,
-               qx7err->qx_errno);
-      getHerrnoString(qx7err->qx_msgInsert, sizeof qx7err->qx_msgInsert, qx7err->qx_errno);
-      QX_TRACE("%s     result '%s' from gethostbyaddr()-call", kName, qx7err->qx_msgInsert);
-    }
+    NameOfAddress(host, addr, hostName, hostSize, qx7err);
     QX_TRACE("%s <-- terminated normally, tcp/ip address '%s'", kName, host);
     return port;
   }
