@@ -12,7 +12,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "ccm/context.h"
+#include "ccm/context_record.h"
 
 // Preference options of ccm_hostname2address.
 inline constexpr int CCM_PREFER_IPV6 = 1;

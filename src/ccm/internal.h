@@ -11,8 +11,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "ccm/context.h"
-#include "ccm/locks.h"
+#include "ccm/context_record.h"
 #include "common/trace_log.h"
 
 // Every record of the connection manager (context, channel, message) is allocated through
@@ -31,10 +30,6 @@ void ccm_set_error(ccm_error_t* ccmerr, int msgnr, const char* format, ...) QX_P
 void ccm_log_error(const ccm_error_t& err);
 // The 3301 record of a failed allocation: "<tag>/<file>(<line>)".
 void ccm_set_alloc_error(ccm_error_t* ccmerr, const char* tag, const char* file, int line);
-
-// Returns every message of `q` through ccm_msg_free and leaves the queue empty. The caller
-// owns `q` (a detached queue, or one no other thread touches).
-void ccm_free_queue(ccm_context_t* ccm, ccm_msg_queue_t& q);
 
 // Appends `item` to a head/tail queue. The head decides emptiness: a taker may move the head
 // on without resetting the tail.

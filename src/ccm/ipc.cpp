@@ -4,6 +4,8 @@
 #include <cstring>
 
 #include "ccm/internal.h"
+#include "ccm/locks.h"
+#include "ccm/wakeup.h"
 #include "common/trace_log.h"
 
 int send_IPC_internal(ccm_context_t* ccm, ccm_msg_t* ccmmsg) {

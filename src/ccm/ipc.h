@@ -11,9 +11,9 @@
 
 #include <cstddef>
 
-#include "ccm/channel.h"
-#include "ccm/context.h"
-#include "ccm/message.h"
+#include "ccm/channel_record.h"
+#include "ccm/context_record.h"
+#include "ccm/message_record.h"
 
 inline constexpr int CCM_IPC_TYPE_SIZE = 16;
 
@@ -23,6 +23,7 @@ struct ipcmsg_header_t {
 static_assert(sizeof(ipcmsg_header_t) == 16);
 
 inline constexpr char IPCMSG_CHANNEL_CLOSE[] = "CHANNEL_CLOSE";
+inline constexpr char IPCMSG_CHANNEL_ACCEPT[] = "CHANNEL_ACCEPT";  // record in ipc_dispatch.h
 
 // "CHANNEL_CLOSE": the notice that a channel was destroyed, with the whole channel record as
 // it was at that moment and the fixed part of its connect user context (zeros when none).

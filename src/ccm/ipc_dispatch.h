@@ -22,7 +22,6 @@
 #include "ccm/ipc.h"
 #include "ccm/message.h"
 
-inline constexpr char IPCMSG_CHANNEL_ACCEPT[] = "CHANNEL_ACCEPT";
 inline constexpr char IPCMSG_ROUTENAT[] = "ROUTENAT";
 inline constexpr char IPCMSG_PASSFD[] = "PASSFD";
 inline constexpr char IPCMSG_LOGGING[] = "LOGGING";

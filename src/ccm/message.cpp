@@ -4,8 +4,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ccm/channel.h"
+#include "ccm/channel_record.h"
 #include "ccm/internal.h"
+#include "ccm/locks.h"
 #include "common/trace_log.h"
 
 // The message line of the traces.

@@ -13,7 +13,6 @@
 
 #include "ccm/internal.h"
 #include "ccm/ipc.h"
-#include "ccm/ipc_dispatch.h"
 #include "common/convert.h"
 #include "common/strutil.h"
 #include "common/trace_log.h"

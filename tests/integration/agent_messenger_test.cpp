@@ -12,6 +12,7 @@
 
 #include "ccm/address.h"
 #include "ccm/internal.h"
+#include "ccm/locks.h"
 #include "messenger/agent_session.h"
 #include "messenger/driver.h"
 #include "support/agent.h"
