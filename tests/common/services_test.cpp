@@ -11,6 +11,7 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -178,20 +179,22 @@ TEST(ByteOrder, BothHostOrdersAndInPlaceConverters) {
   EXPECT_EQ(Bytes("\0\0\0\1", 4), BytesOf(one));
 }
 
+// Signed comparisons at equality and across zero; 4-byte addends are sign- or zero-extended.
 TEST(Arithmetic64, SignedComparisonsAndExtension) {
-  long long minus1 = -1, plus1 = 1, sum = 0;
-  int i_minus1 = -1, i_plus1 = 1;
-  EXPECT_EQ(0, MyGt8(&minus1, &plus1));
-  EXPECT_EQ(1, MyLe8(&minus1, &plus1));
-  EXPECT_EQ(0, MyGt4(&i_minus1, &i_plus1));
-  EXPECT_EQ(1, MyLe4(&i_minus1, &i_plus1));
+  long long m1 = -1, p1 = 1, sum = 0;
+  int i_m1 = -1, i_p1 = 1;
+  EXPECT_EQ(std::make_tuple(0, 1, 0, 1, 0, 1, 0),
+            std::make_tuple(MyGt8(&m1, &p1), MyGt8(&p1, &m1), MyGt8(&p1, &p1), MyLe8(&m1, &p1),
+                            MyLe8(&p1, &m1), MyLe8(&p1, &p1), MyGt4(&i_m1, &i_p1)));
+  EXPECT_EQ(std::make_tuple(1, 0, 1),
+            std::make_tuple(MyGt4(&i_p1, &i_m1), MyGt4(&i_p1, &i_p1), MyLe4(&i_m1, &i_p1)));
   MyAddFrom4(&sum, -1);
-  EXPECT_EQ(-1, sum);  // sign extension
+  EXPECT_EQ(-1, sum);
   sum = 0;
   myAdd8(&sum, 0xFFFFFFFFu);
-  EXPECT_EQ(4294967295LL, sum);  // zero extension
+  EXPECT_EQ(4294967295LL, sum);
   sum = LLONG_MAX;
-  MyAddFrom8(&sum, &plus1);
+  MyAddFrom8(&sum, &p1);
   EXPECT_EQ(LLONG_MIN, sum);  // wraps
 }
 

@@ -15,11 +15,12 @@
 
 namespace {
 
+using namespace std::string_literals;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
 // Word mode (n > 0), rest mode (-2) and the whole text (-1), at the limits of the area; nothing
-// is written behind the area.
+// is written behind the area, and rest mode clears the area behind a short text.
 TEST(GetWordDelimited, ModesAndLimits) {
   struct Case {
     const char* src;
@@ -27,38 +28,34 @@ TEST(GetWordDelimited, ModesAndLimits) {
     int n, dst_len;
     const char* want;
     int ret;
-  } cases[] = {
-      {"JNR=4711", '=', 1, 64, "JNR", 3}, {"JNR=4711", '=', -2, 64, "4711", 4},
-      {"CMD=a=b", '=', -2, 64, "a=b", 3}, {"CMD=a=b", '=', 2, 64, "a", 1},
-      {"KEY", '=', -2, 64, "", 0},        {"KEY=", '=', -2, 64, "", 0},
-      {"KEY", '=', 1, 64, "KEY", 3},      {"a,,b", ',', 2, 64, "", 0},
-      {"a,,b", ',', 3, 64, "b", 1},       {"a,,b", ',', 4, 64, "", 0},
-      {"a,,b", ',', 0, 64, "", 0},        {"a,,b", ',', -1, 64, "a,,b", 4},
-      {"=v", '=', 1, 64, "", 0},          {" a , b", ',', 2, 64, " b", 2},
-      {"abcdef", ',', 1, 4, "abc", 4},    {"abc,x", ',', 1, 4, "abc", 3},
-      {"abcd,x", ',', 1, 4, "abc", 4},    {"abcd", ',', 1, 1, "", 1},
-      {"k=abcdef", '=', -2, 4, "abc", 3}, {"k=abc", '=', -2, 4, "abc", 3},
-      {"k=ab", '=', -2, 8, "ab", 2},
-  };
+  } cases[] = {{"JNR=4711", '=', 1, 64, "JNR", 3}, {"JNR=4711", '=', -2, 64, "4711", 4},
+               {"CMD=a=b", '=', -2, 64, "a=b", 3}, {"CMD=a=b", '=', 2, 64, "a", 1},
+               {"KEY", '=', -2, 64, "", 0},        {"KEY=", '=', -2, 64, "", 0},
+               {"KEY", '=', 1, 64, "KEY", 3},      {"a,,b", ',', 2, 64, "", 0},
+               {"a,,b", ',', 3, 64, "b", 1},       {"a,,b", ',', 4, 64, "", 0},
+               {"a,,b", ',', 0, 64, "", 0},        {"a,,b", ',', -1, 64, "a,,b", 4},
+               {"=v", '=', 1, 64, "", 0},          {" a , b", ',', 2, 64, " b", 2},
+               {"abcdef", ',', 1, 4, "abc", 4},    {"abc,x", ',', 1, 4, "abc", 3},
+               {"abcd,x", ',', 1, 4, "abc", 4},    {"abcd", ',', 1, 1, "", 1},
+               {"k=abcdef", '=', -2, 4, "abc", 3}, {"k=abc", '=', -2, 4, "abc", 3},
+               {"k=ab", '=', -2, 8, "ab", 2}};
   for (const Case& c : cases) {
     char dst[64];
     memset(dst, 'X', sizeof dst);
     EXPECT_EQ(get_word_delimited(c.src, c.delim, c.n, dst, c.dst_len), c.ret) << c.src << c.n;
     EXPECT_STREQ(dst, c.want) << c.src << " " << c.n;
     EXPECT_EQ(std::string(dst + c.dst_len, 64 - c.dst_len), std::string(64 - c.dst_len, 'X'));
-    const std::string rest(dst, c.dst_len);  // rest mode clears the area behind a short text
+    const std::string rest(dst, c.dst_len);
     EXPECT_TRUE(c.n != -2 || rest.find_first_not_of('\0', strlen(c.want)) == rest.npos) << c.src;
   }
 }
 
 // Copies and appends are cut to the area less one, always terminated, and leave the bytes
-// behind the area alone; null and non-positive sizes are harmless.
+// behind the area alone; null and non-positive sizes are harmless; an overlapping cut is a move.
 TEST(StringCopy, BoundedAtTheLimit) {
-  using namespace std::string_literals;
   const std::tuple<int, const char*, std::string> cases[] = {
       {4, "abcdef", "abc\0X"s}, {4, "abc", "abc\0X"s}, {4, "abcd", "abc\0"s}, {4, "", "\0"s},
-      {4, nullptr, "\0"s},      {0, "abc", "\0X"s},    {-3, "abc", "X"s},
-  };
+      {4, nullptr, "\0"s},      {0, "abc", "\0X"s},    {-3, "abc", "X"s}};
   for (const auto& [size, src, area_after] : cases) {
     char area[8];
     memset(area, 'X', sizeof area);
@@ -66,16 +63,14 @@ TEST(StringCopy, BoundedAtTheLimit) {
     EXPECT_EQ(std::string(area, area_after.size()), area_after) << size << (src ? src : "null");
   }
   EXPECT_EQ(_StringCopy(nullptr, 4, "abc", __FILE__, __LINE__), nullptr);
-  char overlap[16] = "0123456789";  // an overlapping cut is a move
+  char overlap[16] = "0123456789";
   StringCopy(overlap, 5, overlap + 2);
   EXPECT_STREQ(overlap, "2345");
 
-  char area[8] = "ab";
+  char area[8] = "ab", unterminated[4] = {'a', 'b', 'c', 'd'};
   StringCat(area, sizeof area, "cdefghij");
-  EXPECT_STREQ(area, "abcdefg");
   StringCat(area, sizeof area, "x");  // full: unchanged
   EXPECT_STREQ(area, "abcdefg");
-  char unterminated[4] = {'a', 'b', 'c', 'd'};
   StringCat(unterminated, sizeof unterminated, "x");
   EXPECT_EQ(std::string(unterminated, 4), "abcd");
   EXPECT_EQ(_StringCat(nullptr, 4, "x", __FILE__, __LINE__), nullptr);
@@ -96,46 +91,40 @@ TEST(Blanks, StripAndFixedFields) {
     EXPECT_EQ(std::string(a.c_str()) + "|" + b.c_str() + "|" + d.c_str(),
               std::string(c.stripped) + "|" + c.left + "|" + c.right);
   }
-  char field[8] = {'x', ' ', ' ', ' ', 'y', 'y', 'y', 'y'};
+  char field[8] = {'x', ' ', ' ', ' ', 'y', 'y', 'y', 'y'}, value[6], h[4] = {'w', 'x', 'y', 'z'};
   EatTrailing(field, 4);
-  EXPECT_EQ(std::string(field, 8), std::string("x\0\0\0yyyy", 8));
-  char value[6];
+  EXPECT_EQ(std::string(field, 8), "x\0\0\0yyyy"s);
   EXPECT_STREQ(GetStringTh("ab   xyz", 8, value, sizeof value), "ab");
   EXPECT_STREQ(GetStringTh("abcdefgh", 8, value, sizeof value), "abcde");
-  char h[4] = {'w', 'x', 'y', 'z'};
   fix_len_reorg2(h, 4);  // no blank to drop: still terminated inside the field
   EXPECT_STREQ(h, "wxy");
   char text[] = "aZ\x80\xe4z-1";  // only ASCII letters change case, within the length
   ToUpperCase(text, 3);
   EXPECT_STREQ(text, "AZ\x80\xe4z-1");
-  strlow(text);
-  EXPECT_STREQ(text, "az\x80\xe4z-1");
+  EXPECT_STREQ(strlow(text), "az\x80\xe4z-1");
 }
 
 TEST(Matching, MasksAndWildcards) {
   struct {
     const char *str, *mask;
     int want;
-  } cases[] = {
-      {"abc", "a*", 1},
-      {"", "*", 1},
-      {"", "", 1},
-      {"abc", "a?c", 1},
-      {"abc", "a?", 0},
-      {"abcbc", "a*bc", 1},
-      {"abxbc", "*x*c", 1},
-      {"abc", "*d", 0},
-      {"abc", "abc**", 1},
-      {"ab", "abc", 0},
-      {"axxbxxc", "a*b*c", 1},
-      {"abcd", "a*c", 0},
-  };
+  } cases[] = {{"abc", "a*", 1},
+               {"", "*", 1},
+               {"", "", 1},
+               {"abc", "a?c", 1},
+               {"abc", "a?", 0},
+               {"abcbc", "a*bc", 1},
+               {"abxbc", "*x*c", 1},
+               {"abc", "*d", 0},
+               {"abc", "abc**", 1},
+               {"ab", "abc", 0},
+               {"axxbxxc", "a*b*c", 1},
+               {"abcd", "a*c", 0}};
   for (const auto& c : cases)
     EXPECT_EQ(MyStrMatch(c.str, c.mask, '*', '?'), c.want) << c.str << " ~ " << c.mask;
   EXPECT_EQ(MyStrMatch("a*c", "a*c", '\0', '\0'), 1);  // wildcards switched off
 
-  char s[] = "prefix.middle.suffix";
-  char mask[] = "*middle*";
+  char s[] = "prefix.middle.suffix", mask[] = "*middle*";
   EXPECT_EQ(strMatchPtr(s, "prefix", '*', '?'), s);  // no wildcard: a prefix
   EXPECT_EQ(strMatchPtr(s, "suffix", '*', '?'), nullptr);
   EXPECT_EQ(strMatchPtr(s, mask, '*', '?'), s + 7);
@@ -168,22 +157,19 @@ TEST(TextHelpers, HexStringAndEnvironment) {
 }
 
 // Sets TZ for one test and restores the previous value afterwards.
-class TimeZone {
- public:
-  explicit TimeZone(const char* tz) : old_(getenv("TZ") ? getenv("TZ") : "") {
+struct TimeZone {
+  explicit TimeZone(const char* tz) : old(getenv("TZ") ? getenv("TZ") : "") {
     setenv("TZ", tz, 1);
     tzset();
   }
   ~TimeZone() {
-    old_.empty() ? unsetenv("TZ") : setenv("TZ", old_.c_str(), 1);
+    old.empty() ? unsetenv("TZ") : setenv("TZ", old.c_str(), 1);
     tzset();
   }
-
- private:
-  std::string old_;
+  std::string old;
 };
 
-TEST(GetDatumZeit2, LocalAndUtcSplitUnderTheZone) {
+TEST(Dates, LocalAndUtcSplitUnderTheZone) {
   struct Case {
     const char* tz;
     time_t t;
@@ -197,10 +183,8 @@ TEST(GetDatumZeit2, LocalAndUtcSplitUnderTheZone) {
     memset(&dt, 0x5A, sizeof dt);
     time_t t = c.t;
     GetDatumZeit2(&t, &dt);
-    EXPECT_EQ(dt.dt_tag, c.local_day);
-    EXPECT_EQ(dt.dt_std, c.local_hour);
-    EXPECT_EQ(dt.utc_tag, c.utc_day);
-    EXPECT_EQ(dt.utc_std, c.utc_hour);
+    EXPECT_EQ(std::make_tuple(dt.dt_tag, dt.dt_std, dt.utc_tag, dt.utc_std),
+              std::make_tuple(c.local_day, c.local_hour, c.utc_day, c.utc_hour));
     EXPECT_EQ(dt.dt_msek + dt.dt_usek + dt.dt_nsek + dt.utc_msek + dt.utc_nsek, 0);
     EXPECT_STREQ(dt.dt_xdat, c.text);
   }
@@ -214,7 +198,7 @@ TEST(GetDatumZeit2, LocalAndUtcSplitUnderTheZone) {
   EXPECT_LE(llabs(static_cast<long long>(now.dt_time - time(nullptr))), 2);
 }
 
-TEST(DateTexts, CutToTheAreaAndLocalToUtc) {
+TEST(Dates, TextsCutToTheAreaLocalToUtcAndStopwatch) {
   TimeZone tz("CET-1");  // UTC+1, no daylight saving rule
   time_t t = 0;
   char area[32];
@@ -240,19 +224,15 @@ TEST(DateTexts, CutToTheAreaAndLocalToUtc) {
   EXPECT_GE(us, 2000000);
   EXPECT_LT(us, 3000000);
   EXPECT_EQ(GetUsec(nullptr, 1), 0);
-}
 
-TEST(Sec2hhmmss, Formats) {
-  const std::pair<int, const char*> cases[] = {
+  const std::pair<int, const char*> durations[] = {
       {59, "00:00:59"}, {360000, "100:00:00"}, {-61, "00:-01:-01"}, {0, "00:00:00"}};
-  for (auto [sec, text] : cases) {
-    char work[16];
-    EXPECT_STREQ(sec2hhmmss(sec, work), text);
+  for (auto [sec, text] : durations) {
+    EXPECT_STREQ(sec2hhmmss(sec, area), text);
     EXPECT_STREQ(sec2hhmmss2(sec), text);
   }
-  char small[6];
-  sec2hhmmss3(3661, small, sizeof small);
-  EXPECT_STREQ(small, "01:01");
+  sec2hhmmss3(3661, area, 6);
+  EXPECT_STREQ(area, "01:01");
 }
 
 std::vector<std::string> Lines(const std::string& text) {
@@ -264,7 +244,7 @@ std::vector<std::string> Lines(const std::string& text) {
 }
 
 // Trace lines: "%.8X         %s - %s" with the local time stamp to milliseconds, cut at 2047;
-// with tracing off the macro does not even format.
+// with tracing off the macro does not even format. mprintf cuts likewise.
 TEST(Trace, LineShapeCutAndOff) {
   trcFlag = 1;
   CaptureStdout();
@@ -292,57 +272,48 @@ TEST(Trace, LineShapeCutAndOff) {
   EXPECT_EQ(out.size(), 23u + 2047u + 1u);
 }
 
-// The dump's lines without the heading.
-std::vector<std::string> Dump(const void* data, int len, std::string* heading = nullptr) {
+// The dump's lines, the heading first.
+std::vector<std::string> Dump(const void* data, int len) {
   CaptureStdout();
   trcdump(const_cast<void*>(data), len, "title %d", len);
-  auto lines = Lines(GetCapturedStdout());
-  if (heading != nullptr) *heading = lines.empty() ? "" : lines[0];
-  if (!lines.empty()) lines.erase(lines.begin());
-  return lines;
+  return Lines(GetCapturedStdout());
 }
 
+// Offsets in column 20; repeated groups are left out but the last is shown ("=" marks the
+// first); two equal groups are both shown.
 TEST(Trcdump, HeadingShortLinesAndRepeats) {
-  std::string heading;
-  char byte = 0;
-  EXPECT_TRUE(Dump(&byte, 0, &heading).empty());
-  EXPECT_TRUE(std::regex_match(heading.substr(0, 68),
+  char byte = 0, tail[64];
+  auto lines = Dump(&byte, 0);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_TRUE(std::regex_match(lines[0].substr(0, 68),
                                std::regex(R"(\d{8}/\d{6}\.\d{3} U0009909 TRACE: \(title 0\) +)")))
-      << heading;
-  char tail[64];
+      << lines[0];
   snprintf(tail, sizeof tail, "%p %.5d", static_cast<void*>(&byte), 0);
-  EXPECT_EQ(heading.substr(68), tail);
+  EXPECT_EQ(lines[0].substr(68), tail);
 
-  unsigned char data[40];
+  unsigned char data[64];
   for (int i = 0; i < 40; ++i)
     data[i] = static_cast<unsigned char>(0x18 + i);
-  auto lines = Dump(data, 40);
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0].substr(0, 38), std::string(20, ' ') + "00000000  18191A1B");
-  EXPECT_EQ(lines[0].substr(65), "  >........ !\"#$%&'<");
-  EXPECT_EQ(lines[2].substr(20, 9), "00000020 ");
-  EXPECT_EQ(lines[2].substr(65), "  >89:;<=>?<");  // where the full lines have it
-
+  lines = Dump(data, 40);
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[1].substr(0, 38), std::string(20, ' ') + "00000000  18191A1B");
+  EXPECT_EQ(lines[1].substr(65), "  >........ !\"#$%&'<");
+  EXPECT_EQ(lines[3].substr(20, 9), "00000020 ");
+  EXPECT_EQ(lines[3].substr(65), "  >89:;<=>?<");  // where the full lines have it
   const unsigned char five[] = {'M', 'E', 'L', 'D', 0};
-  EXPECT_EQ(Dump(five, 5), std::vector<std::string>{std::string(20, ' ') + "00000000  4D454C44 00" +
-                                                    std::string(20, ' ') + "  >MELD.<"});
+  EXPECT_EQ(Dump(five, 5)[1],
+            std::string(20, ' ') + "00000000  4D454C44 00" + std::string(20, ' ') + "  >MELD.<");
 
-  // Repeated groups are left out but the last is shown; two equal groups are both shown.
-  unsigned char same[64];
-  memset(same, 0x11, sizeof same);
-  lines = Dump(same, 64);
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].substr(20, 9), "00000000=");
-  EXPECT_EQ(lines[1].substr(20, 9), "00000030 ");
-  lines = Dump(same, 32);
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0][28], ' ');
-  memset(same + 48, 0x33, 8);
-  lines = Dump(same, 56);
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].substr(20, 9), "00000000=");
-  EXPECT_EQ(lines[1].substr(20, 9), "00000030 ");
-
+  memset(data, 0x11, sizeof data);
+  const std::tuple<int, std::string, std::string> repeats[] = {{64, "00000000=", "00000030 "},
+                                                               {32, "00000000 ", "00000010 "},
+                                                               {56, "00000000=", "00000030 "}};
+  for (const auto& [len, first, last] : repeats) {
+    if (len == 56) memset(data + 48, 0x33, 8);
+    lines = Dump(data, len);
+    ASSERT_EQ(lines.size(), 3u) << len;
+    EXPECT_EQ(lines[1].substr(20, 9) + lines[2].substr(20, 9), first + last) << len;
+  }
   CaptureStdout();
   trcdump_limited(data, 4, 2, "title");
   EXPECT_EQ(GetCapturedStdout(), "");

@@ -12,6 +12,7 @@ namespace {
 
 using qxtest::bin_path;
 using qxtest::run_program;
+using namespace std::string_literals;
 
 const std::string kMessenger = bin_path("qx_jpmd"), kTool = bin_path("qx_scramble");
 
@@ -159,7 +160,7 @@ TEST(CmdExec, ShellShowsNoClearText) {
   const std::string shell = "/proc/" + seen.substr(0, seen.find('\n'));
   const auto slurp = [](const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    std::string text = fd >= 0 ? qxtest::read_all(fd) : "(unreadable)";
+    const std::string text = fd >= 0 ? qxtest::read_all(fd) : "(unreadable)";
     if (fd >= 0) close(fd);
     return text;
   };
@@ -250,12 +251,7 @@ TEST(ScrambleTool, RefusalsGoToStandardOutput) {
       {{"-k", ""}, "pw\n", 2, "1 to 11 characters"},
       {{}, std::string(120, 'z') + "\n", 1, "120 characters"},  // longer than the messenger reads
       {{}, std::string(10000, 'z') + "\n", 1, "at most 119"},
-      {{},
-       std::string("12\0"
-                   "34567\n",
-                   8),
-       1,
-       "NUL"},
+      {{}, "12"s + '\0' + "34567\n", 1, "NUL"},
       {{}, "", 1, "qx_scramble"},
       {{"-d"}, "PLAIN\n", 1, "qx_scramble"},
       {{"-d"}, seven + other.substr(4) + "\n", 1, "does not unscramble"},  // terminator too early
@@ -273,15 +269,14 @@ TEST(ScrambleTool, RefusalsGoToStandardOutput) {
     EXPECT_EQ(run.out.find("1234567"), std::string::npos) << run.out;
   }
   // A write that fails (a full disk) is a failure, in both directions.
-  for (const auto& [args, input] :
-       {std::pair<std::vector<std::string>, std::string>{{}, "pw\n"}, {{"-d"}, seven + "\n"}}) {
+  for (const auto& [argv, input] :
+       {std::pair<std::vector<std::string>, std::string>{{kTool}, "pw\n"},
+        {{kTool, "-d"}, seven + "\n"}}) {
     const int in = qxtest::temp_file(input), full = open("/dev/full", O_WRONLY | O_CLOEXEC);
-    std::vector<std::string> argv = {kTool};
-    argv.insert(argv.end(), args.begin(), args.end());
     const pid_t pid = qxtest::spawn(argv, {in, full, full});
     int status = 0;
     ASSERT_TRUE(qxtest::reap(pid, qxtest::now_ms() + 10000, &status));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << argv.size() << " " << status;
     close(in);
     close(full);
   }

@@ -1,14 +1,12 @@
-// Packet captures made from real runs, and tshark to read them: a relay that passes a
-// connection through to an agent and keeps every read as a TCP segment, a writer of pcap
-// files with the Ethernet, IPv4 and TCP headers built here, and a runner of tshark with the
-// project's Lua dissector that returns the chosen fields of each packet.
+// Packet captures and tshark to read them: a writer of pcap files with the Ethernet, IPv4 and
+// TCP headers built here, and a runner of tshark with the project's Lua dissector that returns
+// the chosen fields of each packet.
 #ifndef QX_TESTS_SUPPORT_CAPTURE_H_
 #define QX_TESTS_SUPPORT_CAPTURE_H_
 
-#include <dirent.h>
-
 #include <array>
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <sstream>
 #include <string>
@@ -19,99 +17,6 @@
 namespace capture_test {
 
 using agent_test::Bytes;
-
-// One read of the relay: `data` from the client (or from the agent), or the end of that
-// direction (`fin`, with no data).
-struct Segment {
-  bool from_client;
-  Bytes data;
-  bool fin = false;
-};
-
-// Accepts one connection at a time on a loopback port, connects it to `target_port` and passes
-// the bytes both ways until both sides have closed, keeping the segments of each connection.
-class Relay {
- public:
-  explicit Relay(int target_port) : target_(target_port) {
-    listen_fd_ = agent_test::loopback_socket(&port_, true);
-    if (listen_fd_ < 0) ADD_FAILURE() << "no loopback port for the relay";
-    if (listen_fd_ >= 0) thread_ = std::thread([this] { serve(); });
-  }
-  ~Relay() {
-    if (listen_fd_ < 0) return;
-    stopping_ = true;
-    shutdown(listen_fd_, SHUT_RDWR);
-    thread_.join();
-    close(listen_fd_);
-  }
-  int port() const { return port_; }
-  // The segments of every connection passed so far, once the last one has ended (at most
-  // 5 seconds).
-  std::vector<std::vector<Segment>> connections() {
-    std::unique_lock<std::mutex> lock(mu_);
-    done_.wait_for(lock, std::chrono::seconds(5), [this] { return !busy_; });
-    return conns_;
-  }
-
- private:
-  void serve() {
-    while (!stopping_) {
-      const int c = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (c < 0) continue;
-      {
-        std::lock_guard<std::mutex> lock(mu_);
-        busy_ = true;
-      }
-      int port = target_;
-      const int a = agent_test::loopback_socket(&port, false);
-      std::vector<Segment> segs;
-      if (a >= 0) pump(c, a, &segs);
-      close(c);
-      if (a >= 0) close(a);
-      {
-        std::lock_guard<std::mutex> lock(mu_);
-        conns_.push_back(std::move(segs));
-        busy_ = false;
-      }
-      done_.notify_all();
-    }
-  }
-  // Passes bytes until both directions have ended (or 20 seconds passed).
-  static void pump(int c, int a, std::vector<Segment>* segs) {
-    bool open[2] = {true, true};  // client to agent, agent to client
-    const int from[2] = {c, a}, to[2] = {a, c};
-    const long long deadline = agent_test::now_ms() + 20000;
-    unsigned char buf[65536];
-    while ((open[0] || open[1]) && agent_test::now_ms() < deadline) {
-      pollfd p[2] = {{c, static_cast<short>(open[0] ? POLLIN : 0), 0},
-                     {a, static_cast<short>(open[1] ? POLLIN : 0), 0}};
-      if (poll(p, 2, 100) <= 0) continue;
-      for (int i = 0; i < 2; i++) {
-        if (!open[i] || p[i].revents == 0) continue;
-        const ssize_t r = recv(from[i], buf, sizeof buf, MSG_DONTWAIT);
-        if (r < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-        if (r > 0) {
-          segs->push_back({i == 0, Bytes(buf, buf + r)});
-          agent_test::write_all(to[i], segs->back().data);
-          continue;
-        }
-        open[i] = false;
-        segs->push_back({i == 0, {}, true});
-        shutdown(to[i], SHUT_WR);
-      }
-    }
-  }
-
-  int target_;
-  int port_ = 0;
-  int listen_fd_ = -1;
-  std::atomic<bool> stopping_{false};
-  std::mutex mu_;
-  std::condition_variable done_;
-  bool busy_ = false;                        // guarded by mu_
-  std::vector<std::vector<Segment>> conns_;  // guarded by mu_
-  std::thread thread_;
-};
 
 // A pcap file of TCP connections between 10.0.0.1 (clients) and 10.0.0.2 (the agent).
 class Capture {
@@ -127,35 +32,18 @@ class Capture {
     packet(k, true, {}, kAck);
     return k;
   }
-  // `data` as one segment (or, past the largest IPv4 packet, as several).
+  // `data` as one segment (the last of its direction with `fin`).
   void send(int k, bool from_client, const Bytes& data, bool fin = false) {
-    for (size_t at = 0; at < data.size() || (at == 0 && fin);) {
-      const size_t n = std::min<size_t>(data.size() - at, 60000);
-      const bool last = at + n == data.size();
-      packet(k, from_client, Bytes(data.begin() + at, data.begin() + at + n),
-             kAck | kPsh | (fin && last ? kFin : 0));
-      at += n;
-      if (n == 0) break;
-    }
+    packet(k, from_client, data, kAck | kPsh | (fin ? kFin : 0));
   }
   void fin(int k, bool from_client) { packet(k, from_client, {}, kAck | kFin); }
-  // A whole connection as the relay saw it.
-  int replay(uint16_t client_port, uint16_t server_port, const std::vector<Segment>& segs) {
-    const int k = connect(client_port, server_port);
-    for (const Segment& s : segs)
-      s.fin ? fin(k, s.from_client) : send(k, s.from_client, s.data);
-    return k;
-  }
   bool write(const std::string& path) const {
     FILE* out = fopen(path.c_str(), "wb");
     if (out == nullptr) return false;
     Bytes file;
-    put32(file, 0xa1b2c3d4);  // microsecond time stamps, written little-endian
-    put32(file, 2 | 4 << 16);
-    put32(file, 0);
-    put32(file, 0);
-    put32(file, 262144);  // snap length
-    put32(file, 1);       // Ethernet
+    // Microsecond time stamps, version 2.4, snap length 262144, Ethernet; little-endian.
+    for (uint32_t v : {0xa1b2c3d4u, 2u | 4u << 16, 0u, 0u, 262144u, 1u})
+      put32(file, v);
     for (size_t i = 0; i < packets_.size(); i++) {
       put32(file, static_cast<uint32_t>(i / 1000));
       put32(file, static_cast<uint32_t>(i % 1000 * 1000));
@@ -254,13 +142,8 @@ inline const std::string& scratch_dir() {
       if (mkdtemp(t) != nullptr) path = t;
     }
     ~Dir() {
-      if (path.empty()) return;
-      if (DIR* d = opendir(path.c_str()); d != nullptr) {
-        for (dirent* e; (e = readdir(d)) != nullptr;)
-          if (e->d_name[0] != '.') unlink((path + "/" + e->d_name).c_str());
-        closedir(d);
-      }
-      rmdir(path.c_str());
+      std::error_code ignored;
+      if (!path.empty()) std::filesystem::remove_all(path, ignored);
     }
   } dir;
   return dir.path;
