@@ -96,6 +96,7 @@ TEST(Blanks, StripAndFixedFields) {
   EXPECT_EQ(std::string(field, 8), "x\0\0\0yyyy"s);
   EXPECT_STREQ(GetStringTh("ab   xyz", 8, value, sizeof value), "ab");
   EXPECT_STREQ(GetStringTh("abcdefgh", 8, value, sizeof value), "abcde");
+  EXPECT_STREQ(GetStringTh("abcdefgh", 8, value, 1), "");  // room for the terminator only
   fix_len_reorg2(h, 4);  // no blank to drop: still terminated inside the field
   EXPECT_STREQ(h, "wxy");
   char text[] = "aZ\x80\xe4z-1";  // only ASCII letters change case, within the length
@@ -216,6 +217,8 @@ TEST(Dates, TextsCutToTheAreaLocalToUtcAndStopwatch) {
   EXPECT_EQ(CreateCharUtcTime(&ts), 0);
   const MSG_TYPE_TIMESTAMP utc = {2025, 12, 31, 23, 30, 15, 42};
   EXPECT_EQ(memcmp(&ts, &utc, sizeof ts), 0);
+  MSG_TYPE_TIMESTAMP minus1 = {1970, 1, 1, 0, 59, 59, 0};  // one second before the epoch
+  EXPECT_EQ(CreateCharUtcTime(&minus1), -1);               // mktime's -1 is taken as its failure
 
   struct timeval start = {0, 0};
   EXPECT_EQ(GetUsec(&start, 0), 0);  // starts the stopwatch

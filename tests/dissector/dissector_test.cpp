@@ -103,8 +103,7 @@ TEST(Dissector, EveryEventKindFromRealRuns) {
       {{"TYP=V", "JNR=4716", "NAME=ROWS", "VALUE=1234", "VTYPE=N"},
        "variable",
        "job 4716 variable ROWS=\"1234\" type=N"},
-      {{"TYP=V", "JNR=4717"}, "variable", "job 4717 variable (none)"},
-  };
+      {{"TYP=V", "JNR=4717"}, "variable", "job 4717 variable (none)"}};
   // Each case runs against the simulator, whose reading of the message is the reference, and
   // against the fake agent, which keeps the frame, byte for byte, for the capture.
   Simulator sim({"--json"});

@@ -77,8 +77,7 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"false", "", 1},
       {"exit 7", "", 1},
       {"", "", 0},
-      {"kill -9 $$", "", 1},
-  };
+      {"kill -9 $$", "", 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.command);
     const auto run = run_program(kMessenger, {"CMD=" + c.command});
@@ -121,8 +120,7 @@ TEST(CmdExec, ClearTextIsOneLiteralPieceOfItsWord) {
       {"single quotes", print + " 'x", "y'", "x", "y"},
       {"here-document, quoted delimiter", print + " \"$(cat <<'EOF'\nx", "y\nEOF\n)\"", "x", "y"},
       {"here-document", print + " \"$(cat <<EOF\nx", "y\nEOF\n)\"", "x", "y"},
-      {"here-document <<-", print + " \"$(cat <<-EOF\n\tx", "y\n\tEOF\n)\"", "x", "y"},
-  };
+      {"here-document <<-", print + " \"$(cat <<-EOF\n\tx", "y\n\tEOF\n)\"", "x", "y"}};
   for (const auto& c : contexts) {
     for (const std::string& value : values) {
       SCOPED_TRACE(std::string(c.where) + ": " + value);
@@ -258,8 +256,7 @@ TEST(ScrambleTool, RefusalsGoToStandardOutput) {
       {{"-d", "-k", "other"}, seven + "\n", 1, "does not unscramble"},
       {{"-h"}, "", 0, "qx_scramble"},
       {{"--help"}, "", 0, "qx_scramble"},
-      {{"--version"}, "", 2, "qx_scramble"},
-  };
+      {{"--version"}, "", 2, "qx_scramble"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args.empty() ? c.input.substr(0, 20) : c.args[0]);
     const auto run = run_program(kTool, c.args, 30, c.input);
