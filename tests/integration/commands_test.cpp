@@ -138,45 +138,20 @@ TEST(CmdExec, ClearTextIsOneLiteralPieceOfItsWord) {
 TEST(CmdExec, ShellShowsNoClearText) {
   const std::string clear = "Kl4r-" + std::to_string(getpid());
   const std::string command =
-      "echo $$; ls -l /proc/self/fd; grep SigIgn /proc/$$/status; read x; : " + Scrambled(clear);
-  int in[2], out[2];
-  ASSERT_EQ(pipe2(in, O_CLOEXEC), 0);
-  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+      "read x; echo \"[$x]\"; for f in cmdline environ; do tr '\\0' ' ' </proc/$$/$f; echo; done; "
+      "ls -l /proc/self/fd; grep SigIgn /proc/$$/status; : " +
+      Scrambled(clear);
   const sighandler_t saved = signal(SIGPIPE, SIG_IGN);
-  const pid_t pid = qxtest::spawn({kMessenger, "CMD=" + command}, {in[0], out[1], -1});
+  const auto run = run_program(kMessenger, {"CMD=" + command}, 30, "from the messenger\n");
   signal(SIGPIPE, saved);
-  close(in[0]);
-  close(out[1]);
-  std::string seen;
-  while (seen.find("SigIgn:") == std::string::npos || seen.back() != '\n') {
-    pollfd p{out[0], POLLIN, 0};
-    char buf[4096];
-    const ssize_t n = poll(&p, 1, 10000) > 0 ? read(out[0], buf, sizeof buf) : 0;
-    if (n <= 0) break;
-    seen.append(buf, static_cast<size_t>(n));
-  }
-  const std::string shell = "/proc/" + seen.substr(0, seen.find('\n'));
-  const auto slurp = [](const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    const std::string text = fd >= 0 ? qxtest::read_all(fd) : "(unreadable)";
-    if (fd >= 0) close(fd);
-    return text;
-  };
-  const std::string cmdline = slurp(shell + "/cmdline"), environ_text = slurp(shell + "/environ");
-  EXPECT_EQ(write(in[1], "\n", 1), 1);
-  close(in[1]);
-  int status = 0;
-  ASSERT_TRUE(qxtest::reap(pid, qxtest::now_ms() + 10000, &status));
-  close(out[0]);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << seen;
-  EXPECT_EQ(cmdline.substr(0, 9), std::string("sh\0/proc/", 9)) << cmdline;
-  EXPECT_EQ(cmdline.find(clear), std::string::npos) << cmdline;
-  EXPECT_EQ(environ_text.find(clear), std::string::npos);
-  EXPECT_EQ(seen.find("memfd"), std::string::npos) << seen;
-  const size_t mask_at = seen.find("SigIgn:");
-  ASSERT_NE(mask_at, std::string::npos) << seen;
-  const unsigned long long ignored = std::stoull(seen.substr(mask_at + 7), nullptr, 16);
-  EXPECT_EQ(ignored & (1ULL << (SIGPIPE - 1)), 0u) << seen;
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out.rfind("[from the messenger]\nsh /proc/", 0), 0u) << run.out;
+  EXPECT_EQ(run.out.find(clear), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("memfd"), std::string::npos) << run.out;
+  const size_t mask_at = run.out.find("SigIgn:");
+  ASSERT_NE(mask_at, std::string::npos) << run.out;
+  const unsigned long long ignored = std::stoull(run.out.substr(mask_at + 7), nullptr, 16);
+  EXPECT_EQ(ignored & (1ULL << (SIGPIPE - 1)), 0u) << run.out;
 }
 
 // Without /proc there is no name for the script's descriptor: the command goes to the shell's
