@@ -76,7 +76,8 @@ TEST(StringCopy, BoundedAtTheLimit) {
   EXPECT_EQ(_StringCat(nullptr, 4, "x", __FILE__, __LINE__), nullptr);
 }
 
-// Blanks go, tabs stay; fixed fields are worked on within their length only.
+// Blanks go, tabs stay; fixed fields are worked on within their length only; characters are
+// replaced and descriptor sets listed within the text.
 TEST(Blanks, StripAndFixedFields) {
   struct {
     const char *in, *stripped, *left, *right;
@@ -103,6 +104,15 @@ TEST(Blanks, StripAndFixedFields) {
   ToUpperCase(text, 3);
   EXPECT_STREQ(text, "AZ\x80\xe4z-1");
   EXPECT_STREQ(strlow(text), "az\x80\xe4z-1");
+  char path[] = "a/b/c  ", fds[32], fewer[32];
+  EatTrailingStr(path);
+  EXPECT_STREQ(str_replace_char(path, '/', '.'), "a.b.c");
+  fd_set set;  // descriptors up to and including maxfd
+  FD_ZERO(&set);
+  for (int fd : {0, 3, 5})
+    FD_SET(fd, &set);
+  EXPECT_EQ(std::string(fdset2string(fds, &set, 5)) + "|" + fdset2string(fewer, &set, 4),
+            "0,3,5|0,3");
 }
 
 TEST(Matching, MasksAndWildcards) {
