@@ -113,51 +113,44 @@ TEST(Report, EveryEventKindByteForByte) {
   };
   const struct {
     std::vector<std::string> args;
-    int status;
     std::string expected;
+    int status = 0;
   } cases[] = {
       {{"TYP=S", "JNR=42", "TXT=nightly backup", "IPA=agent", "PNR=4711"},
-       0,
        job("00000042", "START AT  ", "nightly backup")},
       {{"TYP=E", "RET=3", "JNR=7"},
-       3,
-       job("00000007", "ENDED AT  ", "", "  RETCODE=03" + std::string(15, ' '))},
+       job("00000007", "ENDED AT  ", "", "  RETCODE=03" + std::string(15, ' ')),
+       3},
       // The shell sees the low eight bits of the job's return code.
       {{"TYP=E", "RET=300", "JNR=7"},
-       44,
-       job("00000007", "ENDED AT  ", "", "  RETCODE=300" + std::string(15, ' '))},
-      {{"JNR=1"}, 0, job("00000001", "RESTART AT", "")},
-      {{"TYP=S", "TRC=0", "TRC=", "XTRC=1"}, 0, job("00000000", "START AT  ", "")},  // no trace
+       job("00000007", "ENDED AT  ", "", "  RETCODE=300" + std::string(15, ' ')),
+       44},
+      {{"JNR=1"}, job("00000001", "RESTART AT", "")},
+      {{"TYP=S", "TRC=0", "TRC=", "XTRC=1"}, job("00000000", "START AT  ", "")},  // no trace
       // Unknown, malformed, huge and 8-bit arguments are taken, cut or ignored.
       {{"UNKNOWN=1", "noequals", "JNR=", "=", "==", "TYP=S", "TXT=" + huge, "IPA=" + huge,
         std::string(50000, 'k') + "=" + std::string(49999, 'v'), "OUTFILE=" + high,
         "NAME=" + std::string(300, 'n'), high + "=" + high, "MNR=" + huge},
-       0,
        job("00000000", "START AT  ", huge.substr(0, 63))},
-      {{"TYP=e", "RET=5"}, 0, job("00000000", "RESTART AT", "")},
-      {{"TYP="}, 0, job("00000000", "RESTART AT", "")},
-      {{"TYP=\xe4"}, 0, job("00000000", "RESTART AT", "")},
+      {{"TYP=e", "RET=5"}, job("00000000", "RESTART AT", "")},
+      {{"TYP="}, job("00000000", "RESTART AT", "")},
+      {{"TYP=\xe4"}, job("00000000", "RESTART AT", "")},
       {{"TYP=S", "RET=300", "TXT=" + std::string(70, 'x')},
-       0,
        job("00000000", "START AT  ", std::string(63, 'x'))},
       {{"TYP=O", "OUTFILE=/var/log/job.out", "ULOGIN=Y"},
-       0,
        "{STAMP} QX7 messenger 'qx_jpmd', login check 'Y', registered output file "
        "'/var/log/job.out'\n\n"},
-      {{"TYP=O", "ULOGIN=Y"}, 0, ""},
-      {{"TYP=V", "NAME=A", "VTYPE=C"}, 0, "Registered variable: 'C' A=NULL\n"},
-      {{"TYP=V", "VALUE=42", "VTYPE=N"}, 0, "Registered variable: 'N' NULL=42\n"},
-      {{"TYP=V", "NAME=X", "VALUE=1"}, 0, "Registered variable: '' X=1\n"},
+      {{"TYP=O", "ULOGIN=Y"}, ""},
+      {{"TYP=V", "NAME=A", "VTYPE=C"}, "Registered variable: 'C' A=NULL\n"},
+      {{"TYP=V", "VALUE=42", "VTYPE=N"}, "Registered variable: 'N' NULL=42\n"},
+      {{"TYP=V", "NAME=X", "VALUE=1"}, "Registered variable: '' X=1\n"},
       {{"TYP=V", "NAME=" + std::string(300, 'n'), "VALUE=" + high, "VTYPE=" + high},
-       0,
        "Registered variable: '\x80' " + std::string(200, 'n') + "=" + high + "\n"},
       // Snooze and wake-up show the retry count; they look once for the agent's answer.
       {{"TYP=0", "IPA=10.1.2.3", "PNR=5000", "WAIT=5", "TIMEOUT=NONE"},
-       0,
        framed("**  SNOOZE-Message, TCP/IP = '10.1.2.3       ' PNR=5000             **",
               "**  parameters           : RETRY=03, WAIT=120                        **")},
       {{"TYP=1", "IPA=agent.example.com.long", "PNR=1", "RETRY=1", "TIMEOUT=NONE"},
-       0,
        framed("**  WAKEUP-Message, TCP/IP = 'agent.example.com.long' PNR=1             **",
               "**  parameters           : RETRY=01, WAIT=120                        **")}};
   for (const auto& c : cases) {
