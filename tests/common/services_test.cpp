@@ -141,8 +141,9 @@ TEST(Qx7Error, FillersSetNumberAndBoundedInsertOnly) {
   EXPECT_STREQ("alice|5", e.qx_msgInsert);
   FillMessageOnPasswordError(&e, 0, "%s", Bytes(3000, 'p').c_str());
   EXPECT_EQ(Bytes(1023, 'p'), e.qx_msgInsert);
-  EXPECT_EQ(11, e.qx_result);
-  EXPECT_EQ(22, e.qx_errno);
+  FillMessageOnPasswordError(&e, 0, nullptr);  // no format: an empty insert
+  EXPECT_STREQ("", e.qx_msgInsert);
+  EXPECT_EQ(std::make_pair(11, 22), std::make_pair(e.qx_result, e.qx_errno));
 }
 
 template <typename T>
