@@ -368,7 +368,7 @@ TEST(Lookups, BothDirectionsWithErrorNamesAndErrno) {
   EXPECT_GE(GetSendSocketBuffer(s), wanted);
   EXPECT_GT(GetRecvSocketBuffer(s), 0);
   close(s);
-  EXPECT_EQ(0, GetRecvSocketBuffer(-1) + GetSendSocketBuffer(-1));
+  EXPECT_EQ(0, GetRecvSocketBuffer(0) + GetSendSocketBuffer(-1));  // 0 is taken as no socket
 }
 
 TEST(VerifyHostDef, SplitsPortAndResolves) {
@@ -532,6 +532,10 @@ TEST(KeyedFields, GetRestFieldAndGetAttribute) {
         << c.search << " in " << c.area;
     EXPECT_STREQ(c.value, out.data()) << c.search << " in " << c.area;
   }
+  char out[8] = "x";  // without an area or a key: nothing found, an empty result
+  EXPECT_EQ(0,
+            GetAttribute(nullptr, 0, "HOST", out, 8) + GetAttribute("HOST=a", 6, nullptr, out, 8));
+  EXPECT_STREQ("", out);
 }
 
 }  // namespace
