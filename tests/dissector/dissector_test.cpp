@@ -1,10 +1,8 @@
-// The Wireshark dissector (tools/wireshark/qx7.lua) read through tshark: the frames of real
-// runs of the messenger (the agent simulator's reading of each as the reference), the same
-// frames cut into other segments and found by the heuristic on another port, crafted frames
-// (internal records, GSS, every malformed case), and hostile input that must never raise a
-// Lua error.
+// The Wireshark dissector (tools/wireshark/qx7.lua) read through tshark: captures of real runs
+// of the messenger against the agent simulator and a fake agent, the same frames cut into
+// other segments, crafted frames (internal records, GSS, every malformed case), the port and
+// the heuristic, and hostile input that must never raise a Lua error.
 #include <algorithm>
-#include <filesystem>
 #include <random>
 
 #include "support/capture.h"
@@ -20,20 +18,36 @@ constexpr uint16_t kPort = 2217;  // the agent simulator's default, the dissecto
 #define REQUIRE_TSHARK() \
   if (const std::string why = tshark_unusable(); !why.empty()) GTEST_SKIP() << why
 
-// A capture file in the scratch folder (removed at exit), or in the folder that the environment
-// names in QX_KEEP_CAPTURES, for a look with Wireshark.
-std::string pcap_path(const char* name) {
-  const char* keep = getenv("QX_KEEP_CAPTURES");
-  return (keep != nullptr && *keep != 0 ? keep : scratch_dir()) + "/qx7_" + name + ".pcap";
-}
+// A capture file of this test process, removed at the end of the test unless the environment
+// names a folder to keep the captures in (QX_KEEP_CAPTURES), for a look with Wireshark.
+struct PcapFile {
+  explicit PcapFile(const char* name) {
+    const char* keep = getenv("QX_KEEP_CAPTURES");
+    kept = keep != nullptr && *keep != 0;
+    path = (kept ? std::string(keep) : scratch_dir()) + "/qx7_" + name + ".pcap";
+  }
+  ~PcapFile() {
+    if (!kept) unlink(path.c_str());
+  }
+  std::string path;
+  bool kept;
+};
 
-// The text after "key": in a JSON line of the simulator (the values of these runs need no
-// escapes).
+// The text after "key": in a JSON line of the simulator (escapes \" \\ \u00XX undone).
 std::string json_text(const std::string& line, const std::string& key) {
-  const size_t at = line.find("\"" + key + "\":\"");
+  size_t at = line.find("\"" + key + "\":\"");
   if (at == std::string::npos) return "?";
-  const size_t from = at + key.size() + 4;
-  return line.substr(from, line.find('"', from) - from);
+  std::string out;
+  for (at += key.size() + 4; at < line.size() && line[at] != '"'; at++) {
+    if (line[at] == '\\' && line[at + 1] == 'u') {
+      out += static_cast<char>(strtol(line.substr(at + 2, 4).c_str(), nullptr, 16));
+      at += 5;
+    } else {
+      if (line[at] == '\\') at++;
+      out += line[at];
+    }
+  }
+  return out;
 }
 
 // Whether some packet of the rows has `value` inside field `name`.
@@ -50,19 +64,6 @@ std::string infos(const std::vector<Fields>& rows) {
   return s;
 }
 
-// A connection in `cap`: the agent's greeting, the messenger's `segments`, the agent's reply,
-// and both closes.
-void exchange(Capture& cap, uint16_t client_port, uint16_t port,
-              const std::vector<Bytes>& segments) {
-  const int k = cap.connect(client_port, port);
-  cap.send(k, false, native_frame("QX7 agent"));
-  for (const Bytes& seg : segments)
-    cap.send(k, true, seg);
-  cap.send(k, false, native_frame("OK"));
-  cap.fin(k, true);
-  cap.fin(k, false);
-}
-
 const std::vector<std::string> kMeldFields = {
     "qx7.message",          "qx7.length",        "qx7.protocol",       "qx7.dst.name",
     "qx7.native.text",      "qx7.meld.job",      "qx7.meld.client",    "qx7.meld.status",
@@ -71,9 +72,9 @@ const std::vector<std::string> kMeldFields = {
     "qx7.meld.login_check", "qx7.meld.var.name", "qx7.meld.var.value", "qx7.meld.var.type",
     "qx7.meld.md_version"};
 
-// One event per row, each run through a relay to the agent simulator; the capture holds one
-// connection per run, and tshark must show greeting, job message and reply with the values
-// the run used and the simulator received.
+// One event per row, each run through a relay to the agent simulator and to the fake agent;
+// the capture holds one connection per run, and tshark must show greeting, job message and
+// reply with the values the run used and the agent received.
 TEST(Dissector, EveryEventKindFromRealRuns) {
   REQUIRE_TSHARK();
   struct Case {
@@ -96,73 +97,118 @@ TEST(Dissector, EveryEventKindFromRealRuns) {
       {{"TYP=V", "JNR=4716", "NAME=ROWS", "VALUE=1234", "VTYPE=N"},
        "variable",
        "job 4716 variable ROWS=\"1234\" type=N"},
-      {{"TYP=V", "JNR=4717"}, "variable", "job 4717 variable (none)"}};
-  // Each case runs against the simulator, whose reading of the message is the reference, and
-  // against the fake agent, which keeps the frame, byte for byte, for the capture.
+      {{"TYP=V", "JNR=4717"}, "variable", "job 4717 variable (none)"},
+  };
+  // Each case runs against the simulator, then against the fake agent; the capture holds the
+  // simulator's connections first.
   Simulator sim({"--json"});
   FakeAgent fake(good_agent);
-  for (const Case& c : cases) {
-    for (int port : {sim.port(), fake.port()}) {
+  std::vector<std::vector<Segment>> conns;
+  for (int agent_port : {sim.port(), fake.port()}) {
+    Relay relay(agent_port);
+    for (const Case& c : cases) {
       std::vector<std::string> args = c.args;
       args.push_back("TIMEOUT=5");
-      ASSERT_TRUE(run_messenger(port, args).exited) << c.info;
+      ASSERT_TRUE(run_messenger(relay.port(), args).exited) << c.info;
     }
+    const auto got = relay.connections();
+    ASSERT_EQ(got.size(), std::size(cases));
+    conns.insert(conns.end(), got.begin(), got.end());
   }
-  const auto kept = fake.frames();
-  ASSERT_EQ(kept.size(), std::size(cases));
   ASSERT_TRUE(sim.wait_lines(1 + std::size(cases), 5000));
   Capture cap;
-  for (size_t i = 0; i < kept.size(); i++)
-    exchange(cap, static_cast<uint16_t>(41000 + i), kPort, {kept[i]});
-  const std::string pcap = pcap_path("events");
-  ASSERT_TRUE(cap.write(pcap));
+  for (size_t i = 0; i < conns.size(); i++)
+    cap.replay(static_cast<uint16_t>(41000 + i), kPort, conns[i]);
+  PcapFile pcap("events");
+  ASSERT_TRUE(cap.write(pcap.path));
 
-  const auto rows = tshark_fields(pcap, kMeldFields);
+  const auto rows = tshark_fields(pcap.path, kMeldFields);
   const auto lines = sim.lines();
-  for (size_t i = 0; i < kept.size(); i++) {
-    const Case& c = cases[i];
-    const std::string kind = c.kind, ev = lines[1 + i];
-    SCOPED_TRACE(c.info);
+  const auto kept = fake.frames();
+  ASSERT_EQ(kept.size(), std::size(cases));
+  for (size_t i = 0; i < conns.size(); i++) {
+    const bool simulated = i < std::size(cases);
+    const Case& c = cases[i % std::size(cases)];
+    SCOPED_TRACE(std::string(simulated ? "simulator: " : "fake agent: ") + c.info);
     const auto s = of_stream(rows, static_cast<int>(i));
     ASSERT_EQ(s.size(), 3u) << infos(s);
-    EXPECT_EQ(s[0].at("_ws.col.Info") + "|" + s[0].at("qx7.native.text"), "greeting|QX7 agent");
-    EXPECT_EQ(s[2].at("_ws.col.Info") + "|" + s[2].at("qx7.native.text"), "reply|OK");
-    // The time and process ID are the fake agent's run's, read from its frame.
-    const Bytes& f = kept[i];
-    const time_t seconds = get_le(f, 63 + (kind == "job status"    ? 124
-                                           : kind == "output view" ? 84
-                                                                   : 116));
-    char utc[32];
-    strftime(utc, sizeof utc, "%Y-%m-%dT%H:%M:%SZ", gmtime(&seconds));
-    std::vector<std::pair<std::string, std::string>> want = {
-        {"_ws.col.Info", c.info},
-        {"qx7.message", kind},
-        {"qx7.protocol", "NAT"},
-        {"qx7.dst.name", "JPAKTJ_R"},
-        {"qx7.meld.md_version", "12.2.0+build.2108"},
-        {"qx7.length", std::to_string(f.size())},
-        {"qx7.meld.job", std::to_string(json_number(ev, "job"))},
-        {"qx7.meld.client", std::to_string(json_number(ev, "client"))},
-        {"qx7.meld.status", json_text(ev, "status")},
-        {"qx7.meld.utc", utc},
-        {"qx7.meld.seconds", std::to_string(seconds)}};
-    if (kind == "job status") {  // the messenger is this test's child
-      want.insert(want.end(), {{"qx7.meld.ppid", std::to_string(getpid())},
-                               {"qx7.meld.pgrp", std::to_string(getpgrp())},
-                               {"qx7.meld.rc", std::to_string(json_number(ev, "rc"))},
-                               {"qx7.meld.text", json_text(ev, "text")},
-                               {"qx7.meld.pid", std::to_string(get_le(f, 63 + 128))}});
-    } else if (kind == "output view") {
-      want.insert(want.end(), {{"qx7.meld.file", json_text(ev, "file")},
-                               {"qx7.meld.login_check", json_text(ev, "login_check")}});
-    } else {
-      want.insert(want.end(), {{"qx7.meld.var.name", json_text(ev, "name")},
-                               {"qx7.meld.var.value", json_text(ev, "value")},
-                               {"qx7.meld.var.type", json_text(ev, "type")}});
+    EXPECT_EQ(s[0].at("_ws.col.Info"), "greeting");
+    EXPECT_EQ(s[0].at("qx7.native.text"), simulated ? "QX7 agent simulator" : "QX7 agent");
+    EXPECT_EQ(s[2].at("_ws.col.Info"), "reply");
+    EXPECT_EQ(s[2].at("qx7.native.text"), "OK");
+    const Fields& m = s[1];
+    EXPECT_EQ(m.at("_ws.col.Info"), c.info);
+    EXPECT_EQ(m.at("qx7.message"), c.kind);
+    EXPECT_EQ(m.at("qx7.protocol"), "NAT");
+    EXPECT_EQ(m.at("qx7.dst.name"), "JPAKTJ_R");
+    EXPECT_EQ(m.at("qx7.meld.md_version"), "12.2.0+build.2108");
+    size_t sent = 0;
+    for (const Segment& seg : conns[i])
+      sent += seg.from_client ? seg.data.size() : 0;
+    EXPECT_EQ(m.at("qx7.length"), std::to_string(sent));
+    if (std::string(c.kind) == "job status") {
+      // The messenger is this test's child.
+      EXPECT_EQ(m.at("qx7.meld.ppid"), std::to_string(getpid()));
+      EXPECT_EQ(m.at("qx7.meld.pgrp"), std::to_string(getpgrp()));
     }
-    for (const auto& [name, value] : want)
-      EXPECT_EQ(s[1].at(name), value) << name << " in " << ev;
+    if (!simulated) {
+      // The fake agent kept the frame: the time and process ID it carries.
+      const Bytes& f = kept[i - std::size(cases)];
+      const size_t seconds_at = std::string(c.kind) == "job status" ? 124
+                                : c.kind[0] == 'o'                  ? 84
+                                                                    : 116;
+      EXPECT_EQ(m.at("qx7.meld.seconds"), std::to_string(get_le(f, 63 + seconds_at)));
+      if (std::string(c.kind) == "job status") {
+        EXPECT_EQ(m.at("qx7.meld.pid"), std::to_string(get_le(f, 63 + 128)));
+      }
+      continue;
+    }
+    // The simulator's own reading of the same message.
+    const std::string& ev = lines[1 + i];
+    EXPECT_EQ(m.at("qx7.meld.job"), std::to_string(json_number(ev, "job"))) << ev;
+    EXPECT_EQ(m.at("qx7.meld.client"), std::to_string(json_number(ev, "client")));
+    EXPECT_EQ(m.at("qx7.meld.status"), json_text(ev, "status"));
+    EXPECT_EQ(m.at("qx7.meld.utc"), json_text(ev, "utc"));
+    EXPECT_EQ(m.at("qx7.meld.seconds"), std::to_string(json_number(ev, "time")));
+    if (std::string(c.kind) == "job status") {
+      EXPECT_EQ(m.at("qx7.meld.rc"), std::to_string(json_number(ev, "rc")));
+      EXPECT_EQ(m.at("qx7.meld.text"), json_text(ev, "text"));
+      EXPECT_EQ(m.at("qx7.meld.pid"), std::to_string(json_number(ev, "pid")));
+    } else if (std::string(c.kind) == "output view") {
+      EXPECT_EQ(m.at("qx7.meld.file"), json_text(ev, "file"));
+      EXPECT_EQ(m.at("qx7.meld.login_check"), json_text(ev, "login_check"));
+    } else {
+      EXPECT_EQ(m.at("qx7.meld.var.name"), json_text(ev, "name"));
+      EXPECT_EQ(m.at("qx7.meld.var.value"), json_text(ev, "value"));
+      EXPECT_EQ(m.at("qx7.meld.var.type"), json_text(ev, "type"));
+    }
   }
+}
+
+// The frames of one real run against the fake agent: greeting, job message, reply.
+struct RealFrames {
+  Bytes greeting, job, reply;
+  std::vector<Segment> segments;
+};
+
+RealFrames end_event_against_fake_agent() {
+  FakeAgent agent(good_agent);
+  Relay relay(agent.port());
+  const RunResult run = run_messenger(
+      relay.port(), {"TYP=E", "JNR=99", "MNR=7", "RET=7", "TXT=from the fake agent", "TIMEOUT=5"});
+  EXPECT_EQ(run.status, 7);
+  RealFrames r;
+  const auto conns = relay.connections();
+  const auto kept = agent.frames();
+  if (conns.size() != 1 || kept.size() != 1) {
+    ADD_FAILURE() << "the run did not reach the fake agent";
+    return r;
+  }
+  r.segments = conns[0];
+  r.greeting = native_frame("QX7 agent");
+  r.job = kept[0];
+  r.reply = native_frame("OK");
+  return r;
 }
 
 Bytes cat(std::initializer_list<Bytes> parts) {
@@ -176,27 +222,15 @@ Bytes part(const Bytes& b, size_t from, size_t to = std::string::npos) {
   return Bytes(b.begin() + static_cast<long>(std::min(from, to)),
                b.begin() + static_cast<long>(to));
 }
-std::string repeat(const std::string& v, size_t n, const char* sep) {
-  std::string out = v;
-  for (size_t k = 1; k < n; k++)
-    out += sep + v;
-  return out;
-}
 
-// The job message of a real run against the fake agent whole, then cut into other segments:
-// split at several places (on another port, found by the heuristic), byte by byte through the
-// header, two frames in one segment, and a segment holding the end of one frame and the start
-// of the next. Every cut shows the same fields.
+// The real run as it was, then its job message cut into other segments: split at several
+// places, byte by byte through the header, two frames in one segment, and a segment holding
+// the end of one frame and the start of the next. Every cut shows the same fields.
 TEST(Dissector, FramesAcrossSegments) {
   REQUIRE_TSHARK();
-  FakeAgent agent(good_agent);
-  EXPECT_EQ(run_messenger(agent.port(), {"TYP=E", "JNR=99", "MNR=7", "RET=7",
-                                         "TXT=from the fake agent", "TIMEOUT=5"})
-                .status,
-            7);
-  const auto kept = agent.frames();
-  ASSERT_EQ(kept.size(), 1u) << "the run did not reach the fake agent";
-  const Bytes& j = kept[0];
+  const RealFrames rf = end_event_against_fake_agent();
+  ASSERT_FALSE(rf.job.empty());
+  const Bytes& j = rf.job;
   std::vector<Bytes> header_bytes;
   for (size_t i = 0; i < 60; i++)
     header_bytes.push_back(part(j, i, i + 1));
@@ -205,43 +239,59 @@ TEST(Dissector, FramesAcrossSegments) {
     const char* name;
     std::vector<Bytes> client;  // segments of the messenger after the greeting
     int jobs;                   // job messages in them
-    uint16_t port = kPort;
-  } cases[] = {{"split in five, heuristic",
-                {part(j, 0, 1), part(j, 1, 8), part(j, 8, 48), part(j, 48, 150), part(j, 150)},
-                1,
-                23456},
-               {"byte by byte through the header", header_bytes, 1},
-               {"two frames in one segment", {cat({j, j})}, 2},
-               {"a segment with the end of one and the start of the next",
-                {part(j, 0, 200), cat({part(j, 200), part(j, 0, 100)}), part(j, 100)},
-                2}};
+  } cases[] = {
+      {"split in five",
+       {part(j, 0, 1), part(j, 1, 8), part(j, 8, 48), part(j, 48, 150), part(j, 150)},
+       1},
+      {"byte by byte through the header", header_bytes, 1},
+      {"two frames in one segment", {cat({j, j})}, 2},
+      {"a segment with the end of one and the start of the next",
+       {part(j, 0, 200), cat({part(j, 200), part(j, 0, 100)}), part(j, 100)},
+       2},
+  };
   Capture cap;
-  exchange(cap, 42000, kPort, {j});
-  for (size_t i = 0; i < std::size(cases); i++)
-    exchange(cap, static_cast<uint16_t>(42001 + i), cases[i].port, cases[i].client);
-  const std::string pcap = pcap_path("segments");
-  ASSERT_TRUE(cap.write(pcap));
-  const auto rows = tshark_fields(pcap, kMeldFields);
-  const std::pair<const char*, std::string> want[] = {
-      {"_ws.col.Info", "job 99 end rc=7 \"from the fake agent\""},
-      {"qx7.meld.job", "99"},
-      {"qx7.meld.client", "7"},
-      {"qx7.meld.ppid", std::to_string(getpid())},
-      {"qx7.meld.pid", std::to_string(get_le(j, 63 + 128))},
-      {"qx7.meld.seconds", std::to_string(get_le(j, 63 + 124))}};
+  cap.replay(42000, kPort, rf.segments);
+  for (size_t i = 0; i < std::size(cases); i++) {
+    const int k = cap.connect(static_cast<uint16_t>(42001 + i), kPort);
+    cap.send(k, false, rf.greeting);
+    for (const Bytes& seg : cases[i].client)
+      cap.send(k, true, seg);
+    cap.send(k, false, rf.reply);
+    cap.fin(k, true);
+    cap.fin(k, false);
+  }
+  PcapFile pcap("segments");
+  ASSERT_TRUE(cap.write(pcap.path));
+  const auto rows = tshark_fields(pcap.path, kMeldFields);
+
+  const std::string info = "job 99 end rc=7 \"from the fake agent\"";
   for (size_t i = 0; i <= std::size(cases); i++) {
     SCOPED_TRACE(i == 0 ? "the real run" : cases[i - 1].name);
     const auto s = of_stream(rows, static_cast<int>(i));
     ASSERT_GE(s.size(), 3u) << infos(s);
-    EXPECT_EQ(s.front().at("_ws.col.Info") + "|" + s.back().at("_ws.col.Info"), "greeting|reply");
+    EXPECT_EQ(s.front().at("_ws.col.Info"), "greeting");
+    EXPECT_EQ(s.back().at("_ws.col.Info"), "reply");
+    const std::pair<const char*, std::string> want[] = {
+        {"qx7.meld.job", "99"},
+        {"qx7.meld.client", "7"},
+        {"qx7.meld.ppid", std::to_string(getpid())},
+        {"qx7.meld.pid", std::to_string(get_le(j, 63 + 128))},
+        {"qx7.meld.seconds", std::to_string(get_le(j, 63 + 124))}};
+    auto repeat = [](const std::string& v, size_t n, const char* sep) {
+      std::string out = v;
+      for (size_t k = 1; k < n; k++)
+        out += sep + v;
+      return out;
+    };
     int jobs = 0;
     for (size_t r = 1; r + 1 < s.size(); r++) {
       // A packet that completes frames shows every one of them.
       const std::string& got = s[r].at("_ws.col.Info");
       const size_t n = std::count(got.begin(), got.end(), ';') + 1;
       jobs += static_cast<int>(n);
+      EXPECT_EQ(got, repeat(info, n, "; "));
       for (const auto& [name, value] : want)
-        EXPECT_EQ(s[r].at(name), repeat(value, n, name[0] == '_' ? "; " : "|")) << name;
+        EXPECT_EQ(s[r].at(name), repeat(value, n, "|")) << name;
     }
     EXPECT_EQ(jobs, i == 0 ? 1 : cases[i - 1].jobs) << infos(s);
   }
@@ -308,95 +358,133 @@ TEST(Dissector, CraftedFramesAndEveryMalformedCase) {
   Bytes short_variable = meld_body(400, 0, 5, 'V', 57);
   put_le(short_variable, 124, 1225);
   put_le(short_variable, 120, 108);
-  // Each case: its segments, then "field=part of its value" (Info for the Info column).
   struct Case {
     const char* name;
     std::vector<Bytes> segments;
-    std::vector<std::string> expect;
-    bool fin = false;  // the messenger closes in its last segment
+    bool fin;  // the messenger closes in its last segment
+    std::vector<std::pair<std::string, std::string>> expect;  // field, part of its value
   } cases[] = {
       {"ROUTENAT with a job message",
        {framed("IPC", routenat())},
-       {"qx7.ipc.type=ROUTENAT", "qx7.ipc.addr.dst_name=JPAKTJ_R", "qx7.ipc.addr.dst_addr=*SERVER",
-        "qx7.ipc.addr.dst_id=5", "qx7.ipc.route.len=276", "qx7.meld.job=4711",
-        "Info=IPC ROUTENAT: job 4711 end rc=3 \"nightly backup\""}},
+       false,
+       {{"qx7.ipc.type", "ROUTENAT"},
+        {"qx7.ipc.addr.dst_name", "JPAKTJ_R"},
+        {"qx7.ipc.addr.dst_addr", "*SERVER"},
+        {"qx7.ipc.addr.dst_id", "5"},
+        {"qx7.ipc.route.len", "276"},
+        {"qx7.meld.job", "4711"},
+        {"_ws.col.Info", "IPC ROUTENAT: job 4711 end rc=3 \"nightly backup\""}}},
       {"PASSFD",
        {framed("IPC", passfd())},
-       {"qx7.ipc.fd=7", "qx7.ipc.agent_id=3", "qx7.ipc.listener_id=1", "qx7.ipc.name=*LISTEN",
-        "Info=IPC PASSFD fd=7 \"*LISTEN\""}},
+       false,
+       {{"qx7.ipc.fd", "7"},
+        {"qx7.ipc.agent_id", "3"},
+        {"qx7.ipc.listener_id", "1"},
+        {"qx7.ipc.name", "*LISTEN"},
+        {"_ws.col.Info", "IPC PASSFD fd=7 \"*LISTEN\""}}},
       {"LOGGING",
        {framed("IPC", logging())},
-       {"qx7.ipc.log.msgnr=2003060", "Info=IPC LOGGING 2003060 \"7/ID=1\""}},
+       false,
+       {{"qx7.ipc.log.msgnr", "2003060"}, {"_ws.col.Info", "IPC LOGGING 2003060 \"7/ID=1\""}}},
       {"GSS",
        {framed("GSS", text("token"), "KRB5")},
-       {"qx7.gss.data=746f6b656e", "Info=GSS coding=\"KRB5\", 5 bytes"}},
+       false,
+       {{"qx7.gss.data", "746f6b656e"}, {"_ws.col.Info", "GSS coding=\"KRB5\", 5 bytes"}}},
       {"native frame under key 7",
        {native_frame("hello", 7)},
-       {"qx7.native.key=0x07", "Info=native key 0x07, 5 bytes"}},
+       false,
+       {{"qx7.native.key", "0x07"}, {"_ws.col.Info", "native key 0x07, 5 bytes"}}},
       {"native frame under a decimal length",
        {frame("A0000005hello")},
-       {"qx7.native.text=hello", "Info=native key 0x41, 5 bytes"}},
+       false,
+       {{"qx7.native.text", "hello"}, {"_ws.col.Info", "native key 0x41, 5 bytes"}}},
       {"job message under the 16-bit key",
        {frame("\x01\x08JPAKTJ_R\xFE\x14\x01"s + std::string(body.begin(), body.end()))},
-       {"qx7.meld.rc=3", "Info=job 4711 end rc=3 \"nightly backup\""}},
+       false,
+       {{"qx7.meld.rc", "3"}, {"_ws.col.Info", "job 4711 end rc=3 \"nightly backup\""}}},
       {"source block",
        {frame("\x01\x08JPAKTJ_R\xFF\x02\x00\x00\x00hi\xFD\x0C\x00\x01\x08SENDER  \x02\x00"s)},
-       {"qx7.src.name=SENDER", "qx7.dst.name=JPAKTJ_R"}},
+       false,
+       {{"qx7.src.name", "SENDER"}, {"qx7.dst.name", "JPAKTJ_R"}}},
       {"length not 8 digits",
        {cat({text("0000x339"), part(job, 8)})},
-       {"qx7.expert.length=1", "Info=malformed: length \"0000x339\" is not 8 digits"}},
+       false,
+       {{"qx7.expert.length", "1"},
+        {"_ws.col.Info", "malformed: length \"0000x339\" is not 8 digits"}}},
       {"length inside the header",
        {cat({text("00000020"), part(job, 8)})},
-       {"qx7.expert.length=1", "Info=lies inside the 48-byte header"}},
+       false,
+       {{"qx7.expert.length", "1"}, {"_ws.col.Info", "lies inside the 48-byte header"}}},
       {"length beyond any frame",
        {cat({text("99999999"), part(job, 8)})},
-       {"qx7.expert.length=1", "Info=exceeds the largest frame"}},
+       false,
+       {{"qx7.expert.length", "1"}, {"_ws.col.Info", "exceeds the largest frame"}}},
       {"length past the data",
        {past},
-       {"qx7.expert.closed=1", "Info=the connection ended inside the frame of 339 bytes"},
-       true},
+       true,
+       {{"qx7.expert.closed", "1"},
+        {"_ws.col.Info", "the connection ended inside the frame of 339 bytes"}}},
       {"data after a malformed frame",
        {cat({text("0000x339"), part(job, 8)}), job},
-       {"qx7.expert.after=1", "Info=data after a malformed frame"}},
+       false,
+       {{"qx7.expert.after", "1"}, {"_ws.col.Info", "data after a malformed frame"}}},
       {"unknown protocol",
        {framed("XYZ", text("abc"))},
-       {"qx7.expert.protocol=1", "Info=malformed: unknown protocol \"XYZ\""}},
+       false,
+       {{"qx7.expert.protocol", "1"}, {"_ws.col.Info", "malformed: unknown protocol \"XYZ\""}}},
       {"unknown key",
        {frame("\x01\x08JPAKTJ_R\x09\x02"
               "ab")},
-       {"qx7.expert.key=1", "Info=malformed: unknown key 0x09"}},
+       false,
+       {{"qx7.expert.key", "1"}, {"_ws.col.Info", "malformed: unknown key 0x09"}}},
       {"key length past its frame",
        {frame("\xFF\xE8\x03\x00\x00short"s)},
-       {"qx7.expert.entry=1", "Info=entry of key 0xFF runs past its frame"}},
+       false,
+       {{"qx7.expert.entry", "1"}, {"_ws.col.Info", "entry of key 0xFF runs past its frame"}}},
       {"length field past its frame",
        {frame("\xFF\x05")},
-       {"qx7.expert.entry=1", "Info=length of key 0xFF runs past its frame"}},
+       false,
+       {{"qx7.expert.entry", "1"}, {"_ws.col.Info", "length of key 0xFF runs past its frame"}}},
       {"decimal length not digits",
        {frame("A12x4567abc")},
-       {"qx7.expert.entry=1", "Info=length of key 0x41 is not 7 digits"}},
+       false,
+       {{"qx7.expert.entry", "1"}, {"_ws.col.Info", "length of key 0x41 is not 7 digits"}}},
       {"destination value not 4 bytes",
        {frame("\x02\x02"
               "ab")},
-       {"qx7.expert.entry=1", "Info=destination value of 2 bytes"}},
+       false,
+       {{"qx7.expert.entry", "1"}, {"_ws.col.Info", "destination value of 2 bytes"}}},
       {"truncated job message",
        {nat_frame("JPAKTJ_R", part(end_body(), 0, 110))},
-       {"qx7.expert.truncated=1", "qx7.meld.rc=3", "Info=job 4711 end rc=3"}},
+       false,
+       {{"qx7.expert.truncated", "1"},
+        {"qx7.meld.rc", "3"},
+        {"_ws.col.Info", "job 4711 end rc=3"}}},
       {"truncated variable record",
        {nat_frame("JPAKTJ_R", short_variable)},
-       {"qx7.expert.truncated=1", "qx7.meld.var.len=1225"}},
+       false,
+       {{"qx7.expert.truncated", "1"}, {"qx7.meld.var.len", "1225"}}},
       {"truncated ROUTENAT",
        {framed("IPC", part(routenat(), 0, 100))},
-       {"qx7.expert.truncated=1", "qx7.ipc.type=ROUTENAT"}},
+       false,
+       {{"qx7.expert.truncated", "1"}, {"qx7.ipc.type", "ROUTENAT"}}},
       {"truncated PASSFD",
        {framed("IPC", part(passfd(), 0, 40))},
-       {"qx7.expert.truncated=1", "qx7.ipc.listener_id=1"}},
-      {"truncated LOGGING", {framed("IPC", part(logging(), 0, 18))}, {"qx7.expert.truncated=1"}},
+       false,
+       {{"qx7.expert.truncated", "1"}, {"qx7.ipc.listener_id", "1"}}},
+      {"truncated LOGGING",
+       {framed("IPC", part(logging(), 0, 18))},
+       false,
+       {{"qx7.expert.truncated", "1"}}},
       {"internal record shorter than its type",
        {framed("IPC", text("ROUTE"))},
-       {"qx7.expert.truncated=1"}},
+       false,
+       {{"qx7.expert.truncated", "1"}}},
       {"forged CHANNEL_ACCEPT",
        {framed("IPC", ipc_record("CHANNEL_ACCEPT", 20))},
-       {"qx7.expert.forged=1", "qx7.ipc.channel_id=0"}}};
+       false,
+       {{"qx7.expert.forged", "1"}, {"qx7.ipc.channel_id", "0"}}},
+  };
   Capture cap;
   for (size_t i = 0; i < std::size(cases); i++) {
     const int k = cap.connect(static_cast<uint16_t>(43000 + i), kPort);
@@ -405,30 +493,57 @@ TEST(Dissector, CraftedFramesAndEveryMalformedCase) {
     for (size_t s = 0; s < segs.size(); s++)
       cap.send(k, true, segs[s], cases[i].fin && s + 1 == segs.size());
   }
-  const std::string pcap = pcap_path("crafted");
-  ASSERT_TRUE(cap.write(pcap));
-  // "Info" stands for the Info column; every expert field is read, so that a case that
-  // expects none can be checked to get none.
-  const auto field = [](const std::string& e) {
-    const std::string name = e.substr(0, e.find('='));
-    return name == "Info" ? "_ws.col.Info" : name;
-  };
+  PcapFile pcap("crafted");
+  ASSERT_TRUE(cap.write(pcap.path));
   std::vector<std::string> names;
   for (const Case& c : cases)
-    for (const std::string& e : c.expect)
-      if (field(e) != "_ws.col.Info" && std::count(names.begin(), names.end(), field(e)) == 0)
-        names.push_back(field(e));
-  const auto rows = tshark_fields(pcap, names);
+    for (const auto& [name, value] : c.expect)
+      if (std::find(names.begin(), names.end(), name) == names.end() && name != "_ws.col.Info")
+        names.push_back(name);
+  const auto rows = tshark_fields(pcap.path, names);
   for (size_t i = 0; i < std::size(cases); i++) {
     SCOPED_TRACE(cases[i].name);
     const auto s = of_stream(rows, static_cast<int>(i));
+    for (const auto& [name, value] : cases[i].expect)
+      EXPECT_TRUE(any_has(s, name, value)) << name << " " << value << ": " << infos(s);
+    // A case that expects no expert information must get none.
     bool clean = true;
-    for (const std::string& e : cases[i].expect) {
-      EXPECT_TRUE(any_has(s, field(e), e.substr(e.find('=') + 1))) << e << ": " << infos(s);
-      clean = clean && e.rfind("qx7.expert.", 0) != 0;
-    }
+    for (const auto& [name, value] : cases[i].expect)
+      clean = clean && name.rfind("qx7.expert.", 0) != 0;
     for (const std::string& x : names)
-      EXPECT_FALSE(clean && x.rfind("qx7.expert.", 0) == 0 && any_has(s, x, "1")) << x;
+      if (clean && x.rfind("qx7.expert.", 0) == 0) {
+        EXPECT_FALSE(any_has(s, x, "1")) << x;
+      }
+  }
+}
+
+// Port 2217 by the port table, another port by the heuristic; without the heuristic only the
+// port of the preference is dissected.
+TEST(Dissector, PortPreferenceAndHeuristic) {
+  REQUIRE_TSHARK();
+  const Bytes job = nat_frame("JPAKTJ_R", end_body());
+  Capture cap;
+  for (uint16_t port : {kPort, uint16_t{23456}}) {
+    const int k = cap.connect(static_cast<uint16_t>(port == kPort ? 41500 : 41501), port);
+    cap.send(k, false, native_frame("QX7 agent"));
+    cap.send(k, true, part(job, 0, 100));  // the heuristic sees the header, then the rest
+    cap.send(k, true, part(job, 100));
+  }
+  PcapFile pcap("ports");
+  ASSERT_TRUE(cap.write(pcap.path));
+  struct Case {
+    std::vector<std::string> options;
+    bool on_2217, on_other;
+  } cases[] = {
+      {{}, true, true},
+      {{"-o", "qx7.heuristic:FALSE"}, true, false},
+      {{"-o", "qx7.heuristic:FALSE", "-o", "qx7.tcp_port:23456"}, false, true},
+  };
+  for (const Case& c : cases) {
+    const auto rows = tshark_fields(pcap.path, {"qx7.meld.job"}, c.options);
+    SCOPED_TRACE(testing::PrintToString(c.options));
+    EXPECT_EQ(any_has(of_stream(rows, 0), "qx7.meld.job", "4711"), c.on_2217) << infos(rows);
+    EXPECT_EQ(any_has(of_stream(rows, 1), "qx7.meld.job", "4711"), c.on_other) << infos(rows);
   }
 }
 
@@ -439,17 +554,25 @@ TEST(Dissector, HostileInputRaisesNoLuaError) {
   REQUIRE_TSHARK();
   std::vector<Bytes> inputs;
   const std::string corpus = std::string(QX_SOURCE_DIR) + "/fuzz/corpus";
-  // Every file of every corpus under fuzz/corpus; a channel_read input is two bytes of chunk
-  // sizes, then the stream, which is taken alone too.
-  std::error_code ec;
-  for (const auto& e : std::filesystem::recursive_directory_iterator(corpus, ec)) {
-    if (!e.is_regular_file()) continue;
-    const int fd = open(e.path().c_str(), O_RDONLY | O_CLOEXEC);
-    const std::string s = qxtest::read_all(fd);
-    close(fd);
-    inputs.push_back(text(s));
-    if (e.path().parent_path().filename() == "channel_read" && s.size() > 2)
-      inputs.push_back(text(s.substr(2)));
+  // Every file of every corpus under fuzz/corpus.
+  auto names_in = [](const std::string& folder) {
+    std::vector<std::string> names;
+    if (DIR* d = opendir(folder.c_str()); d != nullptr) {
+      for (dirent* ent; (ent = readdir(d)) != nullptr;)
+        if (ent->d_name[0] != '.') names.push_back(ent->d_name);
+      closedir(d);
+    }
+    return names;
+  };
+  for (const std::string& dir : names_in(corpus)) {
+    for (const std::string& name : names_in(corpus + "/" + dir)) {
+      const int fd = open((corpus + "/" + dir + "/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+      const std::string s = qxtest::read_all(fd);
+      close(fd);
+      inputs.push_back(text(s));
+      // A channel_read input is two bytes of chunk sizes, then the stream.
+      if (dir == "channel_read" && s.size() > 2) inputs.push_back(text(s.substr(2)));
+    }
   }
   ASSERT_GE(inputs.size(), 12u + 2 * 9 + 7) << "fuzz/corpus not found";
   std::mt19937 rng(17);
@@ -484,9 +607,9 @@ TEST(Dissector, HostileInputRaisesNoLuaError) {
       cap.fin(k, true);
     }
   }
-  const std::string pcap = pcap_path("hostile");
-  ASSERT_TRUE(cap.write(pcap));
-  const RunResult run = tshark(pcap, {"-V"});
+  PcapFile pcap("hostile");
+  ASSERT_TRUE(cap.write(pcap.path));
+  const RunResult run = tshark(pcap.path, {"-V"});
   ASSERT_TRUE(run.exited) << "tshark did not finish";
   EXPECT_EQ(run.status, 0) << run.err;
   for (const char* bad :
