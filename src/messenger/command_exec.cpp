@@ -21,12 +21,12 @@
 // unquoted it escapes the first clear byte, inside "..." or a body it is a backslash.
 // A clear text is refused (expandCmd returns -1, nothing runs) where it cannot be carried:
 // where it needs quoting inside ${ }, $(( )) or `...` (write $( ) instead) or right behind an
-// unquoted $; a newline in a comment or right behind an unquoted backslash; a marker in a
-// here-document's delimiter word; a body in which the clear text would make a line that is
-// the delimiter, or (with <<-) put a tab where the shell strips it.
-// Where shells part ways the scanner stops trusting its place, and from there on carries only
-// clear texts that need no quoting: after the word `case` inside $( ) (a pattern's lone ")"
-// would look like the end), after $' (a quote with escapes in some shells), after a ' inside
+// unquoted $; a newline in a comment or right behind an unquoted backslash; a marker in (or cut by
+// the operator of) a here-document's delimiter word; a body in which the clear text would make a
+// line that is the delimiter, or (with <<-) put a tab where the shell strips it. Where shells part
+// ways the scanner stops trusting its place, and from there on carries only clear texts that need
+// no quoting: after the word `case` inside $( ) (a pattern's lone ")" would look like the end),
+// after $' (a quote with escapes in some shells), after a ' inside
 // ${ } within "..." or a body (a quote or a plain byte, by shell and operator), after a
 // here-document opened inside a body, after a line of an unquoted body that ends in an
 // escaping backslash (the shell joins it to the next before it looks for the delimiter), and
@@ -333,6 +333,9 @@ class Expander {
   bool HereDocOperator() {
     HereDoc doc;
     if (!Copy(2)) return false;
+    // "<<--10..." is the operator <<- and a delimiter word that holds the rest of the marker:
+    // a marker that the operator cuts in two is refused like one inside the word.
+    if (is_marker(cmd_.substr(i_))) return false;
     if (i_ < cmd_.size() && cmd_[i_] == '-') {
       doc.strip_tabs = true;
       if (!Copy(1)) return false;

@@ -64,6 +64,7 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"printf '[%s]' $" + Scrambled("a b"), kRefused, 1},
       {"cat <<E\n" + Scrambled("x\nE\ny") + "\nE\n", kRefused, 1},
       {"cat <<-E\nx" + Scrambled("\n\ty") + "\nE\n", kRefused, 1},
+      {"cat <<" + Scrambled("ab") + "\nx\n-10\n", kRefused, 1},  // the operator <<- cuts it
       // Where shells differ, the place is no longer trusted: no quoting from there on.
       {"printf '[%s]' \"$(case x in x) echo " + Scrambled("a b") + ";; esac)\"", kRefused, 1},
       {"printf '[%s]' \"${x:-'}\" " + Scrambled("a b"), kRefused, 1},
