@@ -392,11 +392,7 @@ class Clients {
 
   // Closes client `id` at once (whatever waits for it is given up) and says so.
   void drop(int id, const char* why) {
-    if (const ccm_found_channel ch = ccm_found_channel::by_ID(ccm_, id)) {
-      // Its close must not wait for the client to take what is still unsent.
-      linger lg{};
-      setsockopt(ch->s, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
-    }
+    // Its close does not wait for the client to take what is still unsent: no close does.
     ccm_channel_deletebyID(ccm_, id);
     ccm_wakeup_network(ccm_);
     gone(id);

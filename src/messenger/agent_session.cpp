@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <sched.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <time.h>
 
 #include <algorithm>
@@ -102,23 +101,6 @@ bool drain_send_queues(int agentID, long long deadline) {
       return false;
     default:
       return true;
-  }
-}
-
-// Turns lingering off on a socket, so that its close returns at once; the system still
-// delivers what was written, in the background. A close with lingering on waits for the
-// partner's acknowledgement, which a dead partner can stretch to the whole linger time.
-void close_without_waiting(int s) {
-  if (s < 0) return;
-  linger lg{};
-  setsockopt(s, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
-}
-
-// The agent's channel, still served by the network thread: found under the channel lock,
-// which keeps it from being destroyed while its option is changed.
-void agent_channel_close_without_waiting(int agentID) {
-  if (const ccm_found_channel ch = ccm_found_channel::by_ID(ccm, agentID)) {
-    close_without_waiting(ch->s);
   }
 }
 
@@ -277,10 +259,7 @@ int run_agent_session(PCX* pcx, const AgentSessionTiming* timing) {
 
   // Step 8, shutdown: the agent's channel, the network thread, every other channel, the
   // context.
-  if (pcx->agentID != 0) {
-    agent_channel_close_without_waiting(pcx->agentID);
-    ccm_channel_deletebyID(ccm, pcx->agentID);
-  }
+  if (pcx->agentID != 0) ccm_channel_deletebyID(ccm, pcx->agentID);
   ccm_session_close(ccm, &err);
   ccm = nullptr;
   trace_end(pcx);
