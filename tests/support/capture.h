@@ -3,8 +3,9 @@
 #ifndef QX_TESTS_SUPPORT_CAPTURE_H_
 #define QX_TESTS_SUPPORT_CAPTURE_H_
 
+#include <sys/stat.h>
+
 #include <array>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -16,8 +17,8 @@ namespace capture_test {
 using agent_test::Bytes;
 
 // A fake agent's script that passes its connection through to the agent on `target`, keeping
-// an empty frame, then each read as 'C' (from the client) or 'A' and the bytes read; the
-// letter alone is the end of that side.
+// an empty frame, then each read as 'C' (from the client) or 'A' and the bytes read: the
+// letter alone ends that side.
 inline agent_test::FakeAgent::Script relay_to(int target) {
   return [target](agent_test::FakeAgent& relay, int& c, int) {
     int port = target;
@@ -43,21 +44,13 @@ inline agent_test::FakeAgent::Script relay_to(int target) {
   };
 }
 
-// A private folder of this test process, removed at exit: tshark's home (so the user's
-// plugins and preferences stay out) and the place of the captures.
-inline const std::string& scratch_dir() {
-  static const struct Dir {
-    std::string path;
-    Dir() {
-      char t[] = "/tmp/qx_tshark_XXXXXX";
-      if (mkdtemp(t) != nullptr) path = t;
-    }
-    ~Dir() {
-      std::error_code ec;
-      if (!path.empty()) std::filesystem::remove_all(path, ec);
-    }
-  } dir;
-  return dir.path;
+// A folder in the build tree, tshark's `home` (so the user's plugins and preferences stay out)
+// and the captures' unless QX_KEEP_CAPTURES names another.
+inline std::string capture_dir(bool home = false) {
+  const char* keep = home ? nullptr : getenv("QX_KEEP_CAPTURES");
+  const std::string dir = keep != nullptr && *keep != 0 ? keep : QX_BIN_DIR "/../qx7_captures";
+  mkdir(dir.c_str(), 0700);
+  return dir;
 }
 
 // A pcap file of raw IPv4 packets between 10.0.0.1, port 40000 + the connection's index, and
@@ -66,71 +59,48 @@ class Capture {
  public:
   Capture() {
     for (uint32_t v : {0xa1b2c3d4u, 2u | 4u << 16, 0u, 0u, 262144u, 101u})  // 101: raw IP
-      put(file_, v, 4, false);
+      put(file_, v, false);
   }
   // A new connection to `server_port` after its handshake; its index.
   int connect(uint16_t server_port) {
     const int k = static_cast<int>(conns_.size());
     conns_.push_back({{static_cast<uint16_t>(40000 + k), server_port}, {1000, 500000}});
-    packet(k, true, {}, kSyn);
-    packet(k, false, {}, kSyn | kAck);
-    packet(k, true, {}, kAck);
+    for (uint8_t flags : {kSyn, uint8_t(kSyn | kAck), kAck})
+      packet(k, flags != (kSyn | kAck), {}, flags);
     return k;
   }
   // `data` (at most 65,000 bytes) in one segment; no data ends that side.
   void send(int k, bool from_client, const Bytes& data) {
     packet(k, from_client, data, data.empty() ? kAck | kFin : kAck | kPsh);
   }
-  // The connections that relay_to kept, each to `server_port`.
-  void replay(uint16_t server_port, const std::vector<Bytes>& kept) {
-    for (int k = -1; const Bytes& seg : kept)
-      seg.empty() ? void(k = connect(server_port))
-                  : send(k, seg[0] == 'C', Bytes(seg.begin() + 1, seg.end()));
-  }
-  // Writes qx7_NAME.pcap into the scratch folder, or into QX_KEEP_CAPTURES (to open it in
-  // Wireshark); its path, or "" when it could not be written.
+  // Writes qx7_NAME.pcap into capture_dir() (a failed write shows as tshark's failure); its path.
   std::string write(const std::string& name) const {
-    const char* keep = getenv("QX_KEEP_CAPTURES");
-    const std::string path =
-        (keep != nullptr && *keep != 0 ? keep : scratch_dir()) + "/qx7_" + name + ".pcap";
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(file_.data()), static_cast<long>(file_.size()));
-    out.close();
-    return out.good() ? path : "";
+    const std::string path = capture_dir() + "/qx7_" + name + ".pcap";
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(file_.data()), long(file_.size()));
+    return path;
   }
 
  private:
   static constexpr uint8_t kFin = 0x01, kSyn = 0x02, kPsh = 0x08, kAck = 0x10;
-  static void put(Bytes& b, uint32_t v, int n, bool big_endian = true) {
-    for (int i = 0; i < n; i++)
-      b.push_back(static_cast<unsigned char>(v >> 8 * (big_endian ? n - 1 - i : i)));
+  static void put(Bytes& b, uint32_t v, bool big_endian = true) {
+    for (int i = 0; i < 4; i++)
+      b.push_back(static_cast<unsigned char>(v >> 8 * (big_endian ? 3 - i : i)));
   }
   void packet(int k, bool from_client, const Bytes& data, uint8_t flags) {
     auto& [ports, seq] = conns_[k];
-    const int me = from_client ? 0 : 1;
-    const uint32_t addr[2] = {0x0a000001, 0x0a000002}, size = 40 + uint32_t(data.size());
-    Bytes p;
-    // IPv4: version, header length, total length, 64 hops, TCP; TCP: 20-byte header, window.
-    for (auto [v, n] :
-         std::initializer_list<std::pair<uint32_t, int>>{{0x4500, 2},
-                                                         {size, 2},
-                                                         {0, 4},
-                                                         {0x40060000, 4},
-                                                         {addr[me], 4},
-                                                         {addr[1 - me], 4},
-                                                         {ports[me], 2},
-                                                         {ports[1 - me], 2},
-                                                         {seq[me], 4},
-                                                         {(flags & kAck) ? seq[1 - me] : 0, 4},
-                                                         {0x5000u | flags, 2},
-                                                         {0xffff0000, 4},
-                                                         {0, 2}})
-      put(p, v, n);
-    p.insert(p.end(), data.begin(), data.end());
-    seq[me] += static_cast<uint32_t>(data.size()) + ((flags & (kSyn | kFin)) ? 1 : 0);
-    for (uint32_t v : {packets_ / 1000, packets_ % 1000 * 1000, size, size})
-      put(file_, v, 4, false);
-    file_.insert(file_.end(), p.begin(), p.end());
+    const uint32_t me = from_client ? 0 : 1, size = 40 + uint32_t(data.size());
+    for (uint32_t v : {packets_ / 1000, packets_ % 1000 * 1000, size, size})  // time, lengths
+      put(file_, v, false);
+    // IPv4: version 4, 20-byte header, length, 64 hops, TCP, the addresses; TCP: the ports,
+    // sequence and acknowledgement numbers, 20-byte header, flags, window; no checksums.
+    const uint32_t addr = 0x0a000001 + me, port = uint32_t(ports[me]) << 16 | ports[1 - me];
+    const uint32_t ack = (flags & kAck) ? seq[1 - me] : 0, tcp = (0x5000u | flags) << 16 | 0xffff;
+    for (uint32_t w :
+         {0x45000000 | size, 0u, 0x40060000u, addr, addr ^ 3, port, seq[me], ack, tcp, 0u})
+      put(file_, w);
+    file_.insert(file_.end(), data.begin(), data.end());
+    seq[me] += uint32_t(data.size()) + ((flags & (kSyn | kFin)) ? 1 : 0);
     packets_++;
   }
 
@@ -141,7 +111,7 @@ class Capture {
 
 // tshark with its own home; with `pcap`, reading it with the source's dissector.
 inline qxtest::RunResult run_tshark(std::vector<std::string> args, const std::string& pcap = "") {
-  const std::string& home = scratch_dir();
+  const std::string home = capture_dir(true);
   args.insert(args.begin(), {"HOME=" + home, "XDG_CONFIG_HOME=" + home, "tshark"});
   if (!pcap.empty())
     args.insert(args.begin() + 3,
