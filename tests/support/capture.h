@@ -119,14 +119,6 @@ inline qxtest::RunResult run_tshark(std::vector<std::string> args, const std::st
   return qxtest::run_program("/usr/bin/env", args, 300);
 }
 
-// Why the tests cannot run, or "": no tshark, or a qx7 dissector in its plugin folder that the
-// source's copy would stand aside for.
-inline std::string tshark_unusable() {
-  const qxtest::RunResult run = run_tshark({"-G", "protocols"});
-  if (run.status != 0) return "tshark is not installed";
-  return run.out.find("\tqx7\n") != std::string::npos ? "a qx7 dissector is installed" : "";
-}
-
 // The Info column and the fields `names` of each packet the dissector showed, by TCP
 // connection; several occurrences of a field are joined with "|".
 using Fields = std::map<std::string, std::string>;
