@@ -5,7 +5,6 @@
 
 #include <sys/stat.h>
 
-#include <array>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -64,7 +63,7 @@ class Capture {
   // A new connection to `server_port` after its handshake; its index.
   int connect(uint16_t server_port) {
     const int k = static_cast<int>(conns_.size());
-    conns_.push_back({{static_cast<uint16_t>(40000 + k), server_port}, {1000, 500000}});
+    conns_.push_back({40000u + k, server_port, 1000, 500000});
     for (uint8_t flags : {kSyn, uint8_t(kSyn | kAck), kAck})
       packet(k, flags != (kSyn | kAck), {}, flags);
     return k;
@@ -88,23 +87,23 @@ class Capture {
       b.push_back(static_cast<unsigned char>(v >> 8 * (big_endian ? 3 - i : i)));
   }
   void packet(int k, bool from_client, const Bytes& data, uint8_t flags) {
-    auto& [ports, seq] = conns_[k];
+    std::vector<uint32_t>& c = conns_[k];
     const uint32_t me = from_client ? 0 : 1, size = 40 + uint32_t(data.size());
     for (uint32_t v : {packets_ / 1000, packets_ % 1000 * 1000, size, size})  // time, lengths
       put(file_, v, false);
     // IPv4: version 4, 20-byte header, length, 64 hops, TCP, the addresses; TCP: the ports,
     // sequence and acknowledgement numbers, 20-byte header, flags, window; no checksums.
-    const uint32_t addr = 0x0a000001 + me, port = uint32_t(ports[me]) << 16 | ports[1 - me];
-    const uint32_t ack = (flags & kAck) ? seq[1 - me] : 0, tcp = (0x5000u | flags) << 16 | 0xffff;
+    const uint32_t addr = 0x0a000001 + me, port = c[me] << 16 | c[1 - me];
+    const uint32_t ack = (flags & kAck) ? c[3 - me] : 0, tcp = (0x5000u | flags) << 16 | 0xffff;
     for (uint32_t w :
-         {0x45000000 | size, 0u, 0x40060000u, addr, addr ^ 3, port, seq[me], ack, tcp, 0u})
+         {0x45000000 | size, 0u, 0x40060000u, addr, addr ^ 3, port, c[2 + me], ack, tcp, 0u})
       put(file_, w);
     file_.insert(file_.end(), data.begin(), data.end());
-    seq[me] += uint32_t(data.size()) + ((flags & (kSyn | kFin)) ? 1 : 0);
+    c[2 + me] += uint32_t(data.size()) + ((flags & (kSyn | kFin)) ? 1 : 0);
     packets_++;
   }
 
-  std::vector<std::pair<std::array<uint16_t, 2>, std::array<uint32_t, 2>>> conns_;  // ports, seqs
+  std::vector<std::vector<uint32_t>> conns_;  // ports, next sequence numbers: client's, server's
   Bytes file_;
   uint32_t packets_ = 0;
 };
