@@ -267,7 +267,7 @@ TEST_F(Dissector, HostileInputRaisesNoLuaError) {
   std::mt19937 rng(17);
   for (int i = 0; i < 120; i++) {
     Bytes& b = inputs.emplace_back(rng() % 2000 + 1);
-    std::generate(b.begin(), b.end(), rng);
+    std::generate(b.begin(), b.end(), std::ref(rng));
     if (i % 3 != 0) continue;
     if (i % 2 == 0)  // keyed entries with small lengths
       for (size_t k = 0; k + 1 < b.size(); k += 2)
