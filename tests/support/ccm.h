@@ -1,9 +1,11 @@
-// Test support for the connection manager: a context opened for each test, allocations that
-// can be made to fail, small views of the context's lists, frame builders and socket pairs.
+// Test support for the connection manager: a context per test, allocations made to fail,
+// resolver answers, frame builders and socket pairs.
 #ifndef QX_TESTS_SUPPORT_CCM_H_
 #define QX_TESTS_SUPPORT_CCM_H_
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <pthread.h>
 #include <sys/socket.h>
 
@@ -13,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "ccm/address.h"
 #include "ccm/ccm.h"
 #include "ccm/internal.h"
 #include "ccm/receive.h"
@@ -21,11 +24,10 @@
 
 namespace ccm_test {
 
-// The 48-byte header of a frame of `total` bytes; `coding` fills the 8 bytes behind the
-// protocol name.
+// The 48-byte header of a frame of `total` bytes; `coding` follows the protocol name.
 inline std::string frame_header(int total, const char* protocol = "NAT",
                                 const std::string& coding = std::string(8, ' ')) {
-  char digits[16];  // room for any int, so the compiler sees no truncation
+  char digits[16];
   std::snprintf(digits, sizeof digits, "%.8d", total);
   return std::string(digits) + "QX7:global001" + protocol + coding + std::string(16, ' ');
 }
@@ -34,8 +36,7 @@ inline std::string frame(const std::string& body, const char* protocol = "NAT") 
   return frame_header(48 + static_cast<int>(body.size()), protocol) + body;
 }
 
-// An internal frame of `total` bytes whose body bytes depend on `seed` and their position,
-// so that a misplaced byte shows.
+// An internal frame of `total` bytes whose body bytes depend on `seed` and their position.
 inline std::string ipc_frame(int total, int seed) {
   std::string f = frame_header(total, "IPC");
   for (int i = 48; i < total; ++i)
@@ -47,8 +48,7 @@ inline std::string text(const ccm_msg_t* m) {
   return std::string(reinterpret_cast<const char*>(m->msg_start), m->len);
 }
 
-// A message's addressing on one line, "dst_ID,dst_addr,dst_name,dst_acv<src_ID,...": one
-// comparison shows every field that differs.
+// Every addressing field on one line: "dst_ID,dst_addr,dst_name,dst_acv<src_ID,...".
 inline std::string addr_text(const ccm_addr_t& a) {
   char t[320];
   std::snprintf(t, sizeof t, "%d,%s,%s,%#x<%d,%s,%s,%#x", a.dst_ID, a.dst_addr, a.dst_name,
@@ -56,8 +56,7 @@ inline std::string addr_text(const ccm_addr_t& a) {
   return t;
 }
 
-// While it lives, allocations tagged `tag` are counted and the nth of them fails: every one
-// for nth 0, none for nth -1.
+// While it lives, allocations tagged `tag` are counted and the nth fails (0: all, -1: none).
 inline const char* hook_tag = nullptr;
 inline int hook_nth = 0, hook_count = 0;
 inline void* hooked_alloc(size_t size, const char* tag) {
@@ -66,8 +65,7 @@ inline void* hooked_alloc(size_t size, const char* tag) {
   }
   return ccm_alloc_default(size, tag);
 }
-class FailAllocations {
- public:
+struct FailAllocations {
   explicit FailAllocations(const char* tag, int nth = 0) {
     hook_tag = tag;
     hook_nth = nth;
@@ -79,6 +77,43 @@ class FailAllocations {
     hook_tag = nullptr;
   }
   int count() const { return hook_count; }
+};
+
+// A resolver answer list built from address literals, in the given order; while it lives as
+// a `Resolver`, every name resolves to it.
+class Answers {
+ public:
+  explicit Answers(const std::vector<const char*>& literals)
+      : nodes_(literals.size()), addrs_(literals.size()) {
+    for (size_t i = 0; i < literals.size(); ++i) {
+      sockaddr_in6& sa = addrs_[i];
+      const bool v6 = inet_pton(AF_INET6, literals[i], &sa.sin6_addr) == 1;
+      if (!v6) inet_pton(AF_INET, literals[i], &reinterpret_cast<sockaddr_in*>(&sa)->sin_addr);
+      sa.sin6_family = v6 ? AF_INET6 : AF_INET;  // sin_family stands at the same offset
+      nodes_[i].ai_addrlen = v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+      nodes_[i].ai_family = sa.sin6_family;
+      nodes_[i].ai_addr = reinterpret_cast<sockaddr*>(&sa);
+      nodes_[i].ai_next = i + 1 < literals.size() ? &nodes_[i + 1] : nullptr;
+    }
+  }
+  int index_of(const addrinfo* ai) const { return ai ? static_cast<int>(ai - &nodes_[0]) : -1; }
+  addrinfo* head() { return &nodes_[0]; }
+
+ private:
+  std::vector<addrinfo> nodes_;
+  std::vector<sockaddr_in6> addrs_;
+};
+inline Answers* fake_answers = nullptr;
+struct Resolver : Answers {
+  explicit Resolver(const std::vector<const char*>& literals) : Answers(literals) {
+    fake_answers = this;
+    ccm_resolver = {[](const char*, const char*, const addrinfo*, addrinfo** out) {
+                      *out = fake_answers->head();
+                      return 0;
+                    },
+                    [](addrinfo*) {}};
+  }
+  ~Resolver() { ccm_resolver = ccm_resolver_default; }
 };
 
 template <class Queue>
@@ -105,23 +140,16 @@ class CcmTest : public ::testing::Test {
       ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err_), 0);
     }
   }
-
   void TearDown() override {
-    if (ccm_ == nullptr) return;
-    ccm_session_close(ccm_, &err_);
+    if (ccm_ != nullptr) ccm_session_close(ccm_, &err_);
   }
-
-  void start_thread() {
-    ASSERT_EQ(ccm_thread_start(ccm_, &err_), 0);
-    running_ = true;
-  }
+  void start_thread() { ASSERT_EQ(ccm_thread_start(ccm_, &err_), 0); }
 
   // What the network thread does at the start of each cycle.
   void merge_newq() {
     ccm_channel_guard guard(ccm_, ccm_lock_trace::kQuiet);
-    while (ccm_channel_t* ch = ccm_queue_pop(ccm_->channel_newq)) {
+    while (ccm_channel_t* ch = ccm_queue_pop(ccm_->channel_newq))
       ccm_queue_append(ccm_->channelq, ch);
-    }
   }
 
   ccm_channel_t* new_channel(int type = CCM_CHTYPE_MESSENGER) {
@@ -130,7 +158,6 @@ class CcmTest : public ::testing::Test {
     if (ch != nullptr) ch->type = type;
     return ch;
   }
-
   ccm_channel_t* entered_channel(int type = CCM_CHTYPE_MESSENGER) {
     ccm_channel_t* ch = new_channel(type);
     ccm_channel_chain(ccm_, ch);
@@ -172,14 +199,12 @@ class CcmTest : public ::testing::Test {
   ccm_msg_t* next_message() {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     ccm_msg_t* m = nullptr;
-    while (m == nullptr && std::chrono::steady_clock::now() < deadline) {
+    while (m == nullptr && std::chrono::steady_clock::now() < deadline)
       EXPECT_GE(ccm_receive_message(ccm_, 1, &m, &err_), 0);
-    }
     return m;
   }
 
   bool wakeups_ = false;  // set in a constructor to create the wake-up pipes
-  bool running_ = false;
   ccm_app_context_head app_{};
   ccm_context_t* ccm_ = nullptr;
   ccm_error_t err_{};
