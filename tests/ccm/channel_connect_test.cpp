@@ -18,20 +18,6 @@ namespace {
 
 using ChannelTest = CcmTest;
 
-// IDs start at 1, run on and are never reused; names and eye-catchers follow them.
-TEST_F(ChannelTest, IdsNamesAndEyeCatchers) {
-  for (int i = 1; i <= 3; ++i) {
-    ccm_channel_t* ch = new_channel();
-    EXPECT_EQ(ch->ID, i);
-    EXPECT_EQ(std::string(ch->name), "*ID" + std::to_string(i));
-    ccm_channel_destroy(ccm_, ch, &err_);
-  }
-  ccm_channel_t* ch = entered_channel();
-  EXPECT_EQ(std::memcmp(ch->eyec, "#CCMSOCK00000004", 16), 0);
-  EXPECT_EQ(members(ccm_->channel_newq), std::vector<ccm_channel_t*>{ch});
-  drain_recvq();
-}
-
 // Where each search looks, and that it holds channel_lock exactly when it finds a channel.
 TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
   ccm_channel_t* active = entered_channel();
@@ -135,20 +121,6 @@ TEST_F(ChannelTest, CloseNoticeCarriesChannelAndUserContext) {
     EXPECT_STREQ(reinterpret_cast<const char*>(notice.cuc), c.with_cuc ? "user-key" : "");
     drain_recvq();
   }
-}
-
-// A channel without a socket cannot tell its address: -1, and it is deleted.
-TEST_F(ChannelTest, BindAddressInquiry) {
-  ccm_channel_t* ch = entered_channel();
-  ch->s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in local{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-  ASSERT_EQ(bind(ch->s, reinterpret_cast<sockaddr*>(&local), sizeof local), 0);
-  EXPECT_EQ(ccm_channel_bindaddr_inquire(ccm_, ch, &err_), 0);
-  EXPECT_STREQ(ch->bind_addr, "127.0.0.1");
-  ccm_channel_t* broken = entered_channel();
-  EXPECT_EQ(ccm_channel_bindaddr_inquire(ccm_, broken, &err_), -1);
-  EXPECT_EQ(err_.msgnr, 2000102);
-  EXPECT_NE(broken->flag & CCM_CHFLAG_DELETED, 0);
 }
 
 // A TCP socket bound to a loopback address with a port the system picked; listening or not.

@@ -43,31 +43,6 @@ TEST_F(ContextTest, CloseReleasesMessagesOfEveryQueue) {
   ccm_ = nullptr;
 }
 
-std::string pending_bytes(int fd) {
-  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-  std::string bytes;
-  char buf[16];
-  for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;)
-    bytes.append(buf, static_cast<size_t>(n));
-  return bytes;
-}
-
-TEST_F(ContextTest, WakeupsWriteOneByteEachAndRecreationStartsEmpty) {
-  EXPECT_EQ(ccm_->network_wakeup[0], -1);
-  ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err_), 0);
-  ccm_wakeup_network(ccm_);
-  ccm_wakeup_network(ccm_);
-  ccm_wakeup_processor(ccm_);
-  EXPECT_EQ(pending_bytes(ccm_->network_wakeup[0]), "NN");
-  EXPECT_EQ(pending_bytes(ccm_->processor_wakeup[0]), "P");
-  ccm_wakeup_network(ccm_);
-  ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err_), 0);
-  EXPECT_EQ(pending_bytes(ccm_->network_wakeup[0]), "");
-  EXPECT_EQ(ccm_close_wakeup_pipes(ccm_), 0);
-  EXPECT_EQ(ccm_->network_wakeup[1] + ccm_->processor_wakeup[0], -2);
-  EXPECT_EQ(ccm_wakeup_network(ccm_), 0);  // closed pipes are not written
-}
-
 using MessageTest = CcmTest;
 
 // IDs run on across pool and huge messages; the pool keeps at most 64, never a huge one, and

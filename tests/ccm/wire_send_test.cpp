@@ -140,18 +140,6 @@ TEST_F(WireTest, NativeKeysGiveTypeZeroWithTheirDataAtTheStartOfTheBuffer) {
   EXPECT_STREQ(classified(frame(entry1(1, "  AB    ") + entry1(4, d)))->addr.dst_name, "AB");
 }
 
-TEST_F(WireTest, XmlPayloadsAreMarked) {
-  const std::pair<Bytes, bool> cases[] = {
-      {"\xFE" + u16(9) + "<?xml a/>", true},
-      {"\xFF" + u32(9) + "<?xml a/>", true},
-      {entry1(4, "<?xml"), true},
-      {"\xFE" + u16(4) + "<?xm", false},
-      {"\xFF" + u32(6) + " <?xml", false},
-  };
-  for (const auto& [body, xml] : cases)
-    EXPECT_EQ((classified(frame(body))->flag & CCM_MSGFLAG_XML) != 0, xml) << body;
-}
-
 // Internal frames are taken unparsed from a trusted local partner only, and never when they
 // claim a notice that only the process itself makes; GSS frames keep their header.
 TEST_F(WireTest, IpcAndGssFramesAreNotParsed) {

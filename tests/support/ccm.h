@@ -178,18 +178,11 @@ class CcmTest : public ::testing::Test {
     return sv[1];
   }
 
-  // Takes every message of recvq and returns the types of the internal messages.
+  // Takes every message of recvq; the types of the internal messages.
   std::vector<std::string> drain_recvq() {
     std::vector<std::string> types;
-    for (;;) {
-      ccm_msg_t* m = nullptr;
-      {
-        ccm_queue_guard guard(ccm_, ccm_lock_trace::kQuiet);
-        m = ccm_queue_pop(ccm_->recvq);
-      }
-      if (m == nullptr) break;
-      types.emplace_back(reinterpret_cast<const char*>(m->msg_start),
-                         strnlen(reinterpret_cast<const char*>(m->msg_start), 16));
+    while (ccm_msg_t* m = ccm_queue_pop(ccm_->recvq)) {
+      types.emplace_back(reinterpret_cast<const char*>(m->msg_start));
       ccm_msg_free(ccm_, m);
     }
     return types;
