@@ -38,11 +38,9 @@ TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
     std::function<ccm_channel_t*(ccm_channel_t*)> search;
     ccm_channel_t* target;
     bool found;
-  } cases[] = {
-      {by_id, active, true},     {by_id, waiting, true},      {by_id, deleted, false},
-      {by_name, active, true},   {by_name, waiting, true},    {by_name, deleted, false},
-      {by_remote, active, true}, {by_remote, waiting, false}, {by_remote, deleted, false},
-  };
+  } cases[] = {{by_id, active, true},     {by_id, waiting, true},      {by_id, deleted, false},
+               {by_name, active, true},   {by_name, waiting, true},    {by_name, deleted, false},
+               {by_remote, active, true}, {by_remote, waiting, false}, {by_remote, deleted, false}};
   for (const auto& c : cases) {
     ccm_channel_t* r = c.search(c.target);
     EXPECT_EQ(r, c.found ? c.target : nullptr) << "case " << (&c - cases);
@@ -153,8 +151,7 @@ TEST_F(ConnectTest, RefusalsBeforeAnyChannelIsMade) {
       {"127.0.0.1", 65536, "connect()|22(Invalid argument),port(65536)|"},
       {long_host.c_str(), 80, "connect()|22(Invalid argument),host(80)|"},
       {nullptr, 80, "connect()|22(Invalid argument),host(80)|"},
-      {"127.0.0.1", 80, "CREATE_CHANNEL/"},
-  };
+      {"127.0.0.1", 80, "CREATE_CHANNEL/"}};
   for (auto [host, port, insert] : cases) {
     auto* cuc = static_cast<ccm_connect_user_context_t*>(
         ccm_alloc_default(sizeof(ccm_connect_user_context_t), "test"));  // released by the call
@@ -174,9 +171,7 @@ TEST_F(ConnectTest, FailuresAfterTheChannelLeaveOneCloseNotice) {
   EXPECT_EQ(std::string(err_.msginsert).rfind("connect()|", 0), 0u) << err_.msginsert;
   EXPECT_EQ(ccm_->channel_newq.head, nullptr);
   ASSERT_EQ(members(ccm_->recvq).size(), 1u);
-  ipcmsg_channel_close_t notice;
-  std::memcpy(&notice, ccm_->recvq.head->msg_start, sizeof notice);
-  EXPECT_EQ(notice.ccmch.ID, 1);
+  EXPECT_EQ(ccm_close_notice_channelID(ccm_->recvq.head), 1);
   drain_recvq();
   rlimit saved{};
   getrlimit(RLIMIT_NOFILE, &saved);
@@ -201,11 +196,9 @@ TEST_F(ConnectTest, MultiAddressConnectMovesOnToTheNextAddress) {
   const struct {
     std::vector<const char*> answers;
     bool connected;
-  } cases[] = {
-      {{"127.0.0.2", "127.0.0.1"}, true},
-      {{"127.0.0.2", "127.0.0.4", "127.0.0.5", "127.0.0.1"}, true},
-      {{"127.0.0.2", "127.0.0.4"}, false},
-  };
+  } cases[] = {{{"127.0.0.2", "127.0.0.1"}, true},
+               {{"127.0.0.2", "127.0.0.4", "127.0.0.5", "127.0.0.1"}, true},
+               {{"127.0.0.2", "127.0.0.4"}, false}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.answers.size());
     Resolver fake(c.answers);
@@ -227,20 +220,6 @@ TEST_F(ConnectTest, MultiAddressConnectMovesOnToTheNextAddress) {
   }
 }
 
-TEST_F(ConnectTest, SocketOptionsAndTheirFailures) {
-  ccm_channel_t* ch = entered_channel();  // no socket: every option call fails
-  EXPECT_EQ(ccm_set_nonblocking(ccm_, ch, &err_), -1);
-  EXPECT_EQ(ccm_set_linger(ccm_, ch, 1, 60, &err_), -1);
-  ch->s = socket(AF_INET, SOCK_STREAM, 0);
-  EXPECT_EQ(ccm_set_nonblocking(ccm_, ch, &err_), 0);
-  EXPECT_NE(fcntl(ch->s, F_GETFL) & O_NONBLOCK, 0);
-  EXPECT_EQ(ccm_set_linger(ccm_, ch, 1, 60, &err_), 0);
-  linger lg{};
-  socklen_t len = sizeof lg;
-  getsockopt(ch->s, SOL_SOCKET, SO_LINGER, &lg, &len);
-  EXPECT_EQ(lg.l_onoff + lg.l_linger, 61);
-}
-
 // Only live type 6 channels to the same address and port count as connecting, in either
 // channel list.
 TEST_F(ConnectTest, IsCpConnectingFindsLiveType6Channels) {
@@ -252,10 +231,11 @@ TEST_F(ConnectTest, IsCpConnectingFindsLiveType6Channels) {
     chs.back()->port = port;
     if (chs.size() == 2) merge_newq();
   }
-  const std::tuple<const char*, int, int> cases[] = {
-      {"127.0.0.1", 4000, 1}, {"[127.0.0.1]", 4001, 1},           {"127.0.0.1", 4002, 0},
-      {"127.0.0.2", 4000, 0}, {"no-such-host.invalid", 4000, -1},
-  };
+  const std::tuple<const char*, int, int> cases[] = {{"127.0.0.1", 4000, 1},
+                                                     {"[127.0.0.1]", 4001, 1},
+                                                     {"127.0.0.1", 4002, 0},
+                                                     {"127.0.0.2", 4000, 0},
+                                                     {"no-such-host.invalid", 4000, -1}};
   for (auto [host, port, result] : cases)
     EXPECT_EQ(ccm_is_cp_connecting(ccm_, host, port, &err_), result) << host << port;
   ccm_channel_delete(ccm_, chs[2]);

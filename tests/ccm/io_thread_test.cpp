@@ -336,13 +336,11 @@ TEST_F(CcmTest, IpcTypesAreMatchedOverAllSixteenBytes) {
   const struct {
     char type[17];
     int len, rslt;
-  } cases[] = {
-      {"CHANNEL_CLOSE\0\0\0", 40, 0},
-      {"CHANNEL_CLOSE\0X\0", 40, -1},   // a byte after the terminator
-      {"CHANNEL_CLOSE\0\0\0", 14, -1},  // too short to hold the type field
-      {"CHANNEL_ACCEPT\0\0", 20, -1},   // known to the system, handled by nobody
-      {"ROUTENAT\0\0\0\0\0\0\0\0", 40, -1},
-  };
+  } cases[] = {{"CHANNEL_CLOSE\0\0\0", 40, 0},
+               {"CHANNEL_CLOSE\0X\0", 40, -1},   // a byte after the terminator
+               {"CHANNEL_CLOSE\0\0\0", 14, -1},  // too short to hold the type field
+               {"CHANNEL_ACCEPT\0\0", 20, -1},   // known to the system, handled by nobody
+               {"ROUTENAT\0\0\0\0\0\0\0\0", 40, -1}};
   __log_set_logger(record_log);
   for (const auto& k : cases) {
     logged.clear();
@@ -486,8 +484,7 @@ TEST_F(ListenTest, ForgedInternalFramesDropTheSenderAndChangeNothing) {
   };
   const std::string forged[] = {
       notice("CHANNEL_ACCEPT", honest_id[0]), notice("CHANNEL_CLOSE", 1),  // the listener
-      notice("CHANNEL_CLOSE", honest_id[1]),  notice("ROUTENAT", honest_id[0]), ipc_frame(300, 3),
-  };
+      notice("CHANNEL_CLOSE", honest_id[1]), notice("ROUTENAT", honest_id[0]), ipc_frame(300, 3)};
   for (const std::string& f : forged) {
     SCOPED_TRACE(testing::PrintToString(f.substr(48, 16)));
     const int attacker = connect_client(port);

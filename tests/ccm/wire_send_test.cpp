@@ -66,8 +66,7 @@ TEST(FrameLength, OnlyEightDigitsWithinBoundsAreAccepted) {
       {"00000048", 48}, {"00000339", 339}, {"16777216", kMaxFrameSize},
       {"00000047", -1}, {"00000000", -1},  {"16777217", -1},
       {"99999999", -1}, {"-0000339", -1},  {" 0000339", -1},
-      {"0000339 ", -1}, {"0000033x", -1},  {"+0000339", -1},
-  };
+      {"0000339 ", -1}, {"0000033x", -1},  {"+0000339", -1}};
   for (auto [digits, want] : cases)
     EXPECT_EQ(ccm_check_msg_length(reinterpret_cast<const unsigned char*>(digits)), want) << digits;
 }
@@ -86,34 +85,6 @@ TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
   m->msg_start -= 48;
   EXPECT_EQ(ccm_msg_set_protocol_header(m, "IPC"), 0);
   EXPECT_EQ(text(m).substr(0, 48), frame_header(55, "IPC"));
-}
-
-// Outgoing NAT bodies carry the address entries that are set, names padded or cut to 8.
-TEST_F(WireTest, NatBodyCarriesTheAddressEntriesThatAreSet) {
-  const int acv = 0x11223344;
-  const Bytes acv_bytes(reinterpret_cast<const char*>(&acv), 4);
-  const struct {
-    int dst_acv;
-    const char *dst_addr, *dst_name, *src_addr, *src_name;
-    int src_acv;
-    Bytes front, back;  // entries before the payload (0xFF entry excluded), source block
-  } cases[] = {
-      {0, "", "JPAKTJ_R", "", "", 0, entry1(1, "JPAKTJ_R"), ""},
-      {0, "", "JPAKTJ_RECEIVER", "", "", 0, entry1(1, "JPAKTJ_R"), ""},
-      {0, "", "AB", "", "", 0, entry1(1, "AB      "), ""},
-      {0, "host1", "", "", "", 0, "", ""},  // a plain address is not sent
-      {acv, "*CP0001", "X", "", "", 0,
-       entry1(2, acv_bytes) + entry1(1, "X       ") + entry1(3, "*CP0001"), ""},
-      {0, "", "", "*SERVER", "ME", acv, "",
-       "\xFD" + u16(25) + entry1(3, "*SERVER") + entry1(1, "ME      ") + entry1(2, acv_bytes)},
-  };
-  for (const auto& c : cases) {
-    ccm_msg_t* m = message("PAY", false);
-    ccm_setaddr(m, 0, 0, c.dst_addr, c.dst_name, c.dst_acv);
-    ccm_setback(m, c.src_addr, c.src_name, c.src_acv);
-    ASSERT_EQ(cmm_msg_write_sr_data(m), 0);
-    EXPECT_EQ(text(m), c.front + "\xFF" + u32(3) + "PAY" + c.back) << c.dst_name << c.src_name;
-  }
 }
 
 // Native keys give type 0 with the data moved to the start of the buffer; the short forms
@@ -146,15 +117,13 @@ TEST_F(WireTest, IpcAndGssFramesAreNotParsed) {
   const struct {
     Bytes body;
     bool trusted, taken;
-  } cases[] = {
-      {"ROUTENAT\0\0\0\0\0\0\0\0rest"s, true, true},
-      {"ROUTENAT\0\0\0\0\0\0\0\0rest"s, false, false},
-      {"CHANNEL_CLOSE\0\0\0rest"s, false, false},
-      {"CHANNEL_CLOSE\0\0\0rest"s, true, false},
-      {"CHANNEL_ACCEPT\0\0\1\0\0\0"s, true, false},
-      {"CHANNEL_ACCEPT"s, true, false},  // a type field cut short claims it too
-      {"CHANNEL_CLOSED\0\0"s, true, true},
-  };
+  } cases[] = {{"ROUTENAT\0\0\0\0\0\0\0\0rest"s, true, true},
+               {"ROUTENAT\0\0\0\0\0\0\0\0rest"s, false, false},
+               {"CHANNEL_CLOSE\0\0\0rest"s, false, false},
+               {"CHANNEL_CLOSE\0\0\0rest"s, true, false},
+               {"CHANNEL_ACCEPT\0\0\1\0\0\0"s, true, false},
+               {"CHANNEL_ACCEPT"s, true, false},  // a type field cut short claims it too
+               {"CHANNEL_CLOSED\0\0"s, true, true}};
   for (const auto& c : cases) {
     ch_.flag = c.trusted ? CCM_CHFLAG_LOCAL_PARTNER : 0;
     ch_.msgnr = 0;
@@ -177,22 +146,20 @@ TEST_F(WireTest, IpcAndGssFramesAreNotParsed) {
 }
 
 TEST_F(WireTest, HostileBodiesAreRejectedWithoutReadingPastTheFrame) {
-  const Bytes cases[] = {
-      "\x05\x01x",                         // unknown key
-      "\x01",                              // length byte missing
-      "\001\010ABC",                       // name runs past the frame
-      "\002\003abc",                       // value that is not 4 bytes
-      "\002\005abcde",                     //
-      "\xFE\x01",                          // 16-bit length cut
-      "\xFE" + u16(100) + "short",         // payload runs past the frame
-      "\xFF" + u32(0xFFFFFFFF) + "x",      //
-      "\xFF" + u32(3),                     //
-      "A00x0003abc",                       // decimal length with a non-digit
-      "D0000009abc",                       // decimal payload runs past the frame
-      "A000",                              // decimal length cut
-      "\xFD" + u16(40) + entry1(1, "ME"),  // source block runs past the frame
-      entry1(4, "ok") + "\0"s,             // trailing unknown key
-  };
+  const Bytes cases[] = {"\x05\x01x",    // unknown key
+                         "\x01",         // length byte missing
+                         "\001\010ABC",  // name runs past the frame
+                         "\002\003abc",  // value that is not 4 bytes
+                         "\002\005abcde",
+                         "\xFE\x01",                   // 16-bit length cut
+                         "\xFE" + u16(100) + "short",  // payload runs past the frame
+                         "\xFF" + u32(0xFFFFFFFF) + "x",
+                         "\xFF" + u32(3),
+                         "A00x0003abc",                       // decimal length with a non-digit
+                         "D0000009abc",                       // decimal payload runs past the frame
+                         "A000",                              // decimal length cut
+                         "\xFD" + u16(40) + entry1(1, "ME"),  // source block runs past the frame
+                         entry1(4, "ok") + "\0"s};            // trailing unknown key
   for (const Bytes& body : cases) {
     ch_.msgnr = 0;
     classified(frame(body), -1);
@@ -214,8 +181,7 @@ TEST_F(WireTest, OverlongFieldsAreCutAndBadSourceBlocksEndTheirWalk) {
       {entry1(1, "ME") + "\003\020AB", "ME", ""},  // sub-entry running past the block
       {"\002\002ab" + entry1(1, "ME"), "", ""},    // value of the wrong size
       {entry1(3, Bytes(251, 'a')) + entry1(1, "ME"), "", Bytes(63, 'a')},  // first 256 bytes only
-      {entry1(3, "ADDR") + "\x01", "", "ADDR"},                            // odd trailing byte
-  };
+      {entry1(3, "ADDR") + "\x01", "", "ADDR"}};                           // odd trailing byte
   for (const auto& [block, src_name, src_addr] : cases) {
     ccm_msg_t* s = classified(frame("\xFD" + u16(block.size()) + block + "\xFE" + u16(2) + "ok"));
     EXPECT_STREQ(s->addr.src_name, src_name) << testing::PrintToString(block);
@@ -226,56 +192,17 @@ TEST_F(WireTest, OverlongFieldsAreCutAndBadSourceBlocksEndTheirWalk) {
 
 using SendTest = WireTest;
 
-// Outside running mode 0, messages to "*SERVER" go to the agent wrapped in a routing record,
-// even when the payload is longer than a pool message.
-TEST_F(SendTest, ServerMessagesAreRoutedOutsideRunningModeZero) {
-  const std::tuple<int, const char*, size_t, bool> cases[] = {{0, "*SERVER", 40, false},
-                                                              {3, "*SERVER", 40, true},
-                                                              {3, "*SERVER2", 40, false},
-                                                              {3, "*SERVER", 65200, true}};
-  for (auto [mode, dst, size, routed] : cases) {
-    app_.running_mode = mode;
-    const Bytes payload = ipc_frame(static_cast<int>(size) + 48, 1).substr(48);
-    ccm_msg_t* m = ccm_msg_alloc_huge(ccm_, std::max<int>(CCM_MSG_POOL_SIZE, size), &err_);
-    std::memcpy(m->msg_start, payload.data(), size);
-    m->len = static_cast<int>(size);
-    ccm_setaddr(m, 0, 0, dst, "JPAKTJ_R", 0);
-    ccm_setback(m, "", "ME", 0);
-    ASSERT_EQ(send_NAT_message(ccm_, m), 0);
-    if (routed) {
-      EXPECT_STREQ(ccm_->sendq.head->addr.dst_addr, "*IPC(AGENT)");
-      EXPECT_EQ(ccm_->sendq.head->type, CCM_MSG_IPC);
-    }
-    const Bytes f = take_sent();
-    if (!routed) {
-      EXPECT_EQ(f.substr(21, 3) + f.substr(48, 10), "NAT\x01\x08JPAKTJ_R") << mode << dst;
-      continue;
-    }
-    ASSERT_EQ(f.size(), 48u + 308 + size);
-    EXPECT_EQ(f.substr(0, 48) + f.substr(48, 16),
-              frame_header(static_cast<int>(f.size()), "IPC") + "ROUTENAT\0\0\0\0\0\0\0\0"s);
-    ccm_addr_t addr;
-    std::memcpy(&addr, f.data() + 48 + 16, sizeof addr);
-    EXPECT_STREQ(addr.dst_addr, "*SERVER");
-    EXPECT_STREQ(addr.src_name, "ME");
-    EXPECT_EQ(f.substr(48 + 304, 4), u32(static_cast<unsigned>(size)));
-    EXPECT_EQ(f.substr(48 + 308), payload);
-  }
-}
-
 TEST_F(SendTest, NativeGssAndIpcFramesGetTheirHeaders) {
   const struct {
     int (*send)(ccm_context_t*, ccm_msg_t*);
     Bytes body, frame;
     int type;
-  } cases[] = {
-      {send_native_message, "\x04\x02hi", frame_header(52, "NAT") + "\x04\x02hi", 0},
-      {send_IPC_message, "LOGGING", frame_header(55, "IPC") + "LOGGING", 3},
-      {[](ccm_context_t* c, ccm_msg_t* m) { return send_GSS_message(c, m, "KERBEROS5X"); }, "tok",
-       frame_header(51, "GSS", "KERBEROS") + "tok", 0},
-      {[](ccm_context_t* c, ccm_msg_t* m) { return send_GSS_message(c, m, "K5"); }, "tok",
-       frame_header(51, "GSS", "K5      ") + "tok", 0},
-  };
+  } cases[] = {{send_native_message, "\x04\x02hi", frame_header(52, "NAT") + "\x04\x02hi", 0},
+               {send_IPC_message, "LOGGING", frame_header(55, "IPC") + "LOGGING", 3},
+               {[](ccm_context_t* c, ccm_msg_t* m) { return send_GSS_message(c, m, "KERBEROS5X"); },
+                "tok", frame_header(51, "GSS", "KERBEROS") + "tok", 0},
+               {[](ccm_context_t* c, ccm_msg_t* m) { return send_GSS_message(c, m, "K5"); }, "tok",
+                frame_header(51, "GSS", "K5      ") + "tok", 0}};
   for (const auto& c : cases) {
     ccm_msg_t* m = ccm_msg_alloc(ccm_, &err_);
     std::memcpy(m->msg_start, c.body.data(), c.body.size());
