@@ -48,14 +48,6 @@ inline std::string text(const ccm_msg_t* m) {
   return std::string(reinterpret_cast<const char*>(m->msg_start), m->len);
 }
 
-// Every addressing field on one line: "dst_ID,dst_addr,dst_name,dst_acv<src_ID,...".
-inline std::string addr_text(const ccm_addr_t& a) {
-  char t[320];
-  std::snprintf(t, sizeof t, "%d,%s,%s,%#x<%d,%s,%s,%#x", a.dst_ID, a.dst_addr, a.dst_name,
-                a.dst_acv, a.src_ID, a.src_addr, a.src_name, a.src_acv);
-  return t;
-}
-
 // While it lives, allocations tagged `tag` are counted and the nth fails (0: all, -1: none).
 inline const char* hook_tag = nullptr;
 inline int hook_nth = 0, hook_count = 0;
@@ -76,14 +68,11 @@ struct FailAllocations {
     ccm_alloc = ccm_alloc_default;
     hook_tag = nullptr;
   }
-  int count() const { return hook_count; }
 };
 
-// A resolver answer list built from address literals, in the given order; while it lives as
-// a `Resolver`, every name resolves to it.
-class Answers {
- public:
-  explicit Answers(const std::vector<const char*>& literals)
+// While it lives, every name resolves to these address literals, in this order.
+struct Resolver {
+  explicit Resolver(const std::vector<const char*>& literals)
       : nodes_(literals.size()), addrs_(literals.size()) {
     for (size_t i = 0; i < literals.size(); ++i) {
       sockaddr_in6& sa = addrs_[i];
@@ -95,25 +84,17 @@ class Answers {
       nodes_[i].ai_addr = reinterpret_cast<sockaddr*>(&sa);
       nodes_[i].ai_next = i + 1 < literals.size() ? &nodes_[i + 1] : nullptr;
     }
-  }
-  int index_of(const addrinfo* ai) const { return ai ? static_cast<int>(ai - &nodes_[0]) : -1; }
-  addrinfo* head() { return &nodes_[0]; }
-
- private:
-  std::vector<addrinfo> nodes_;
-  std::vector<sockaddr_in6> addrs_;
-};
-inline Answers* fake_answers = nullptr;
-struct Resolver : Answers {
-  explicit Resolver(const std::vector<const char*>& literals) : Answers(literals) {
-    fake_answers = this;
+    fake_answers = &nodes_[0];
     ccm_resolver = {[](const char*, const char*, const addrinfo*, addrinfo** out) {
-                      *out = fake_answers->head();
+                      *out = fake_answers;
                       return 0;
                     },
                     [](addrinfo*) {}};
   }
   ~Resolver() { ccm_resolver = ccm_resolver_default; }
+  static inline addrinfo* fake_answers = nullptr;
+  std::vector<addrinfo> nodes_;
+  std::vector<sockaddr_in6> addrs_;
 };
 
 template <class Queue>
@@ -133,7 +114,6 @@ inline bool channel_lock_held(ccm_context_t* ccm) {
 class CcmTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::memcpy(app_.eyec, "TESTPCX ", 8);
     app_.running_mode = 3;
     ASSERT_EQ(ccm_open(&app_, &ccm_, &err_), 0) << err_.msginsert;
     if (wakeups_) {
@@ -164,16 +144,13 @@ class CcmTest : public ::testing::Test {
     return ch;
   }
 
-  // An entered channel on one end of a socket pair, a trusted local partner unless
-  // `trusted` is false; returns the other end.
-  int paired_channel(ccm_channel_t** ch, int type = CCM_CHTYPE_NONE, bool trusted = true) {
+  // An entered channel of a trusted local partner on one end of a socket pair; the other end.
+  int paired_channel(ccm_channel_t** ch) {
     int sv[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    *ch = new_channel(type);
+    *ch = new_channel(CCM_CHTYPE_NONE);
     (*ch)->s = sv[0];  // closed with the channel
-    if (trusted) {
-      EXPECT_EQ(ccm_channel_set_local_partner(ccm_, *ch, &err_), 0);
-    }
+    EXPECT_EQ(ccm_channel_set_local_partner(ccm_, *ch, &err_), 0);
     ccm_channel_chain(ccm_, *ch);
     return sv[1];
   }
