@@ -240,11 +240,11 @@ TEST_F(SendTest, ForwardSendsACopyFromTheServer) {
 // Counts and the pending-output query walk every channel and skip deleted ones; type -1
 // never counts for pending output.
 TEST_F(SendTest, CountsSkipDeletedChannels) {
-  const int types[] = {1, 3, 4, 6, 0, 255, 3, 4, -1};
+  const int types[] = {3, 4, -1, 1, 3, 4, 6, 0, 255};  // the first two deleted
   ccm_channel_t channels[std::size(types)] = {};
   for (size_t i = 0; i < std::size(types); ++i) {
     channels[i].type = types[i];
-    channels[i].flag = i == 6 || i == 7 ? CCM_CHFLAG_DELETED : 0;
+    channels[i].flag = i < 2 ? CCM_CHFLAG_DELETED : 0;
     pthread_spin_init(&channels[i].queue_lock, PTHREAD_PROCESS_PRIVATE);
     channels[i].nxt = i + 1 < std::size(types) ? &channels[i + 1] : nullptr;
   }
@@ -254,9 +254,9 @@ TEST_F(SendTest, CountsSkipDeletedChannels) {
   EXPECT_EQ(ccm_get_nof_agent_connections(ccm_), 1);
   EXPECT_EQ(ccm_get_nof_channels(ccm_), 6);
   ccm_msg_t* m = message("", false);
-  channels[6].sendq.head = channels[8].sendq.head = m;  // deleted, type -1
+  channels[0].sendq.head = channels[2].sendq.head = m;  // deleted, type -1
   EXPECT_EQ(ccm_is_all_sendq_empty(ccm_), 1);
-  channels[2].sendq.head = m;
+  channels[5].sendq.head = m;
   EXPECT_EQ(ccm_is_all_sendq_empty(ccm_), 0);
   for (ccm_channel_t& ch : channels) {
     ch.sendq.head = nullptr;
