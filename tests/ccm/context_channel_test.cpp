@@ -16,19 +16,6 @@
 namespace ccm_test {
 namespace {
 
-TEST(ContextOpen, AllocationFailureFillsErrorAndStoresNothing) {
-  ccm_context_t* const sentinel = reinterpret_cast<ccm_context_t*>(0x1);
-  ccm_context_t* ccm = sentinel;
-  ccm_error_t err{};
-  {
-    FailAllocations fail("CCM_OPEN");
-    EXPECT_EQ(ccm_open(nullptr, &ccm, &err), -1);
-  }
-  EXPECT_EQ(ccm, sentinel);
-  EXPECT_EQ(err.msgnr, 3301);
-  EXPECT_EQ(ccm_close(nullptr, &err), 0);
-}
-
 using MessageTest = CcmTest;
 
 // IDs run on across pool and huge messages; the pool keeps at most 64, never a huge one, and
@@ -59,8 +46,17 @@ TEST_F(MessageTest, PoolKeepsAtMost64AndNeverHugeMessages) {
   ccm_ = nullptr;
 }
 
-// A failed allocation changes no queue and uses no ID, with or without pooled messages.
-TEST_F(MessageTest, AllocationFailureChangesNoQueue) {
+// A failed allocation fills the error and changes nothing: no context, no message ID, no
+// queue, with or without pooled messages.
+TEST_F(MessageTest, FailedAllocationsChangeNothing) {
+  ccm_context_t* other = nullptr;
+  {
+    FailAllocations fail("CCM_OPEN");
+    EXPECT_EQ(ccm_open(nullptr, &other, &err_), -1);
+  }
+  EXPECT_EQ(other, nullptr);
+  EXPECT_EQ(err_.msgnr, 3301);
+  EXPECT_EQ(ccm_close(nullptr, &err_), 0);
   ccm_msg_free(ccm_, ccm_msg_alloc(ccm_, &err_));
   FailAllocations fail("CCMMSG");
   for (int size : {1000, CCM_MSG_POOL_SIZE}) {  // the second empties the pool first
@@ -78,8 +74,8 @@ TEST_F(MessageTest, AllocationFailureChangesNoQueue) {
 // Emptying frees the context's receive queues and those of every live channel; the send
 // queue and deleted channels are left alone.
 TEST_F(MessageTest, EmptyingQueuesFreesContextAndLiveChannelQueues) {
-  ccm_channel_t* live = entered_channel();
   ccm_channel_t* gone = entered_channel();
+  ccm_channel_t* live = entered_channel();
   ccm_channel_t* live2 = entered_channel();
   merge_newq();
   ccm_channel_delete(ccm_, gone);
@@ -165,10 +161,10 @@ using ChannelTest = CcmTest;
 
 // Where each search looks, and that it holds channel_lock exactly when it finds a channel.
 TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
+  ccm_channel_t* deleted = entered_channel();  // passed over before the others
   ccm_channel_t* active = entered_channel();
   merge_newq();
   ccm_channel_t* waiting = entered_channel();
-  ccm_channel_t* deleted = entered_channel();
   active->remoteID = 41;
   waiting->remoteID = 42;
   deleted->remoteID = 43;

@@ -194,6 +194,30 @@ TEST_F(IoTest, DispatchRoutesByIdOrNameAndFreesTheUnroutable) {
   ccm_msg_free(ccm_, kept);
 }
 
+// One cycle passes over deleted, socketless and unwatchable channels to serve a live one
+// behind them: its frame is read and its queued message written.
+TEST_F(IoTest, CycleServesTheLiveChannelBehindOthers) {
+  ccm_channel_delete(ccm_, entered_channel(CCM_CHTYPE_SILENT));
+  entered_channel(CCM_CHTYPE_NOSOCKET);
+  ccm_channel_t* beyond = entered_channel(CCM_CHTYPE_SILENT);
+  beyond->s = CCM_MAX_WATCHED_FD + 1;  // never opened: it must not reach select
+  ccm_channel_t* live = nullptr;
+  const int peer = paired_channel(&live);
+  const std::string f = ipc_frame(64, 'z');
+  put(peer, f);
+  send(live->ID, "", f);
+  EXPECT_EQ(ccm_network_select(ccm_, 5, &err_), 0);
+  EXPECT_EQ(beyond->msgnr, CCM_MSGNR_SYSCALL);
+  beyond->s = -1;
+  ccm_msg_t* got = nullptr;
+  ASSERT_EQ(ccm_receive_message(ccm_, 0, &got, &err_), 1);
+  EXPECT_EQ(text(got), f.substr(48));
+  ccm_msg_free(ccm_, got);
+  char back[64];
+  EXPECT_EQ(recv(peer, back, sizeof back, MSG_DONTWAIT), 64);
+  close(peer);
+}
+
 // A flood of 48-byte frames nobody takes is read up to the unread bound and then held, in
 // little memory; with the processor pipe full a notice still goes through without blocking;
 // once the messages are taken, reading resumes and every frame arrives.
