@@ -1,5 +1,4 @@
-// The context, the message pool, address resolution, the channel table and outgoing
-// connections.
+// The message pool, address resolution, the channel table and outgoing connections.
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -18,8 +17,7 @@ namespace {
 
 using MessageTest = CcmTest;
 
-// IDs run on across pool and huge messages; the pool keeps at most 64, never a huge one, and
-// serves a request of its own size; messages left in any queue go with ccm_close (ASan).
+// IDs run on; the pool keeps at most 64 and no huge one; ccm_close frees every queue (ASan).
 TEST_F(MessageTest, PoolKeepsAtMost64AndNeverHugeMessages) {
   std::vector<ccm_msg_t*> msgs;
   for (int i = 0; i < 70; ++i)
@@ -46,8 +44,7 @@ TEST_F(MessageTest, PoolKeepsAtMost64AndNeverHugeMessages) {
   ccm_ = nullptr;
 }
 
-// A failed allocation fills the error and changes nothing: no context, no message ID, no
-// queue, with or without pooled messages.
+// A failed allocation fills the error and changes no context, message ID or queue.
 TEST_F(MessageTest, FailedAllocationsChangeNothing) {
   ccm_context_t* other = nullptr;
   {
@@ -71,8 +68,7 @@ TEST_F(MessageTest, FailedAllocationsChangeNothing) {
   }
 }
 
-// Emptying frees the context's receive queues and those of every live channel; the send
-// queue and deleted channels are left alone.
+// Emptying frees receive queues and live channels' queues, not sendq or deleted channels.
 TEST_F(MessageTest, EmptyingQueuesFreesContextAndLiveChannelQueues) {
   ccm_channel_t* gone = entered_channel();
   ccm_channel_t* live = entered_channel();
@@ -97,8 +93,7 @@ TEST_F(MessageTest, EmptyingQueuesFreesContextAndLiveChannelQueues) {
   EXPECT_EQ(ccm_->nof_freemsg, 6);
 }
 
-// One answer is chosen (first) and all are tried in the order: preferred usable, other
-// usable, unusable (loopback, link-local); each address once, at most `max`.
+// Addresses are tried preferred usable first, then usable, then unusable; each once, <= max.
 TEST(Address, ChoiceAndTheOrderAllAreTriedIn) {
   const std::tuple<std::vector<const char*>, int, int, std::string> cases[] = {
       {{"127.0.0.1", "2001:db8::1", "192.0.2.1", "192.0.2.2"},
@@ -125,8 +120,7 @@ TEST(Address, ChoiceAndTheOrderAllAreTriedIn) {
   EXPECT_EQ(ccm_hostname2addresses("any", CCM_PREFER_IPV4, nullptr, 0, nullptr), -1);
 }
 
-// Names are cleaned of blanks and brackets; an address area is cleared whole, and left all
-// zero when the name cannot be resolved.
+// Blanks and brackets are cleaned off; the area is cleared, all zero for a bad name.
 TEST(Address, LiteralsBracketsAndBadNames) {
   const std::string long255(255, 'a'), long256(256, 'b');
   const std::pair<const char*, const char*> cases[] = {{"127.0.0.1", "127.0.0.1"},
@@ -189,19 +183,11 @@ TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
     if (r != nullptr) ccm_channel_unlock(ccm_);
   }
   EXPECT_EQ(ccm_channel_getbyName(ccm_, nullptr), nullptr);
-  EXPECT_EQ(ccm_channel_existbyID(ccm_, waiting->ID), 1);
-  EXPECT_EQ(ccm_channel_existbyName(ccm_, deleted->name), 0);
-  std::strcpy(waiting->addr, "192.0.2.4");
-  char ip[64] = {};
-  EXPECT_EQ(ccm_channel_get_ip(ccm_, 0, waiting->name, ip, nullptr), 0);
-  EXPECT_STREQ(ip, "192.0.2.4");
-  EXPECT_EQ(ccm_channel_get_ip(ccm_, 99, "*nothing", ip, nullptr), -1);
+  EXPECT_EQ(ccm_channel_existbyID(ccm_, waiting->ID) + ccm_channel_existbyID(ccm_, deleted->ID), 1);
   EXPECT_FALSE(channel_lock_held(ccm_));
 }
 
-// Survivors keep their order; deleted channels go with a close notice that carries the
-// channel and its user context (none for type 255); without a message for the notice the
-// socket and queues are still released.
+// Survivors keep their order; notices carry channel and user context; the socket always closes.
 TEST_F(ChannelTest, DestroyDeletedKeepsSurvivorsInOrderAndSendsNotices) {
   ccm_channel_t* ch = new_channel(5);
   const int fd = ch->s = socket(AF_INET, SOCK_STREAM, 0);
@@ -252,8 +238,7 @@ struct ConnectTest : CcmTest {
   ConnectTest() { wakeups_ = true; }
 };
 
-// Every refusal before a channel is made gives its insert and leaves no trace; the connect
-// user context goes with it.
+// A refusal before a channel exists leaves no trace; the user context goes with it.
 TEST_F(ConnectTest, RefusalsBeforeAnyChannelIsMade) {
   const std::string long_host(128, 'h');
   const std::tuple<const char*, int, const char*> cases[] = {
@@ -275,8 +260,7 @@ TEST_F(ConnectTest, RefusalsBeforeAnyChannelIsMade) {
   EXPECT_EQ(ccm_->recvq.head, nullptr);
 }
 
-// A connect that fails at once (the broadcast address without SO_BROADCAST) or a socket that
-// cannot be had costs an ID and leaves one close notice.
+// A connect failing at once (broadcast) or without a socket leaves one close notice.
 TEST_F(ConnectTest, FailuresAfterTheChannelLeaveOneCloseNotice) {
   EXPECT_EQ(ccm_connect(ccm_, "255.255.255.255", 9, 5, nullptr, 60, &err_), -1);
   EXPECT_EQ(std::string(err_.msginsert).rfind("connect()|", 0), 0u) << err_.msginsert;
@@ -298,8 +282,7 @@ TEST_F(ConnectTest, FailuresAfterTheChannelLeaveOneCloseNotice) {
   EXPECT_EQ(drain_recvq().size(), 1u);
 }
 
-// A name with several addresses: those refused are passed over, in order, until one takes
-// the connection; when all are refused the channel closes with the last refusal.
+// Refused addresses of a name are passed over in order; all refused closes the channel.
 TEST_F(ConnectTest, MultiAddressConnectMovesOnToTheNextAddress) {
   const int listener = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
@@ -334,29 +317,6 @@ TEST_F(ConnectTest, MultiAddressConnectMovesOnToTheNextAddress) {
     EXPECT_EQ(notice.ccmch.msgnr != 0, !c.connected) << notice.ccmch.msginsert;
   }
   close(listener);
-}
-
-// Only live type 6 channels to the same address and port count as connecting, in either
-// channel list.
-TEST_F(ConnectTest, IsCpConnectingFindsLiveType6Channels) {
-  const std::pair<int, int> channels[] = {{6, 4000}, {5, 4002}, {6, 4001}, {5, 4003}};
-  std::vector<ccm_channel_t*> chs;
-  for (auto [type, port] : channels) {
-    chs.push_back(entered_channel(type));
-    std::strcpy(chs.back()->addr, "127.0.0.1");
-    chs.back()->port = port;
-    if (chs.size() == 2) merge_newq();
-  }
-  const std::tuple<const char*, int, int> cases[] = {{"127.0.0.1", 4000, 1},
-                                                     {"[127.0.0.1]", 4001, 1},
-                                                     {"127.0.0.1", 4002, 0},
-                                                     {"127.0.0.2", 4000, 0},
-                                                     {"no-such-host.invalid", 4000, -1}};
-  for (auto [host, port, result] : cases)
-    EXPECT_EQ(ccm_is_cp_connecting(ccm_, host, port, &err_), result) << host << port;
-  ccm_channel_delete(ccm_, chs[2]);
-  EXPECT_EQ(ccm_is_cp_connecting(ccm_, "127.0.0.1", 4001, &err_), 0);
-  EXPECT_FALSE(channel_lock_held(ccm_));
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Channel reading and writing, descriptor passing, the network thread, internal messages and
-// listening, over socket pairs and loopback connections.
+// Reading, writing, descriptor passing, the network thread, internal messages, listening.
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -79,8 +78,7 @@ class IoTest : public CcmTest {
   ccm_channel_t* ch_ = nullptr;
 };
 
-// Two frames and half a third in one read, the rest later, then a frame byte by byte; a bad
-// length then deletes the channel with an error before any buffer grows for it.
+// Frames split anywhere arrive whole; a bad length deletes the channel before buffers grow.
 TEST_F(IoTest, FramesSplitAnywhereArriveWholeAndABadLengthDeletes) {
   const std::string a = ipc_frame(100, 1), b = ipc_frame(48, 2), c = ipc_frame(300, 3);
   put(peer_, a + b + c.substr(0, 150));
@@ -134,8 +132,7 @@ TEST_F(IoTest, PassedDescriptorGoesToTheFirstFrameOfTheReadOnly) {
   close(pipefd[0]);
 }
 
-// Three queued messages go out in order over many partial writes, each resuming where the
-// last stopped; a closed partner deletes the channel without a SIGPIPE.
+// Queued messages resume after partial writes; a closed partner deletes without SIGPIPE.
 TEST_F(IoTest, QueuedMessagesResumeAfterPartialWritesAndAClosedPartnerDeletes) {
   const int small = 4096;
   ASSERT_EQ(setsockopt(ch_->s, SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
@@ -168,8 +165,7 @@ TEST_F(IoTest, QueuedMessagesResumeAfterPartialWritesAndAClosedPartnerDeletes) {
   EXPECT_EQ(ch_->msgnr, CCM_MSGNR_SEND_ERROR);
 }
 
-// Messages go to their channel by ID or to the server by name, in order; one for an unknown
-// channel is freed, one marked to be kept is left to its owner.
+// Dispatch by ID or server name, in order; the unroutable is freed unless marked to keep.
 TEST_F(IoTest, DispatchRoutesByIdOrNameAndFreesTheUnroutable) {
   ccm_channel_t* server = entered_channel(CCM_CHTYPE_CP);
   std::strcpy(server->name, "*SERVER");
@@ -194,8 +190,7 @@ TEST_F(IoTest, DispatchRoutesByIdOrNameAndFreesTheUnroutable) {
   ccm_msg_free(ccm_, kept);
 }
 
-// One cycle passes over deleted, socketless and unwatchable channels to serve a live one
-// behind them: its frame is read and its queued message written.
+// One cycle passes deleted, socketless and unwatchable channels and serves the live one.
 TEST_F(IoTest, CycleServesTheLiveChannelBehindOthers) {
   ccm_channel_delete(ccm_, entered_channel(CCM_CHTYPE_SILENT));
   entered_channel(CCM_CHTYPE_NOSOCKET);
@@ -218,9 +213,8 @@ TEST_F(IoTest, CycleServesTheLiveChannelBehindOthers) {
   close(peer);
 }
 
-// A flood of 48-byte frames nobody takes is read up to the unread bound and then held, in
-// little memory; with the processor pipe full a notice still goes through without blocking;
-// once the messages are taken, reading resumes and every frame arrives.
+// A flood nobody takes is held at the unread bound in little memory; a notice with the
+// processor pipe full never blocks; once taken, every frame arrives.
 TEST_F(IoTest, FloodOfSmallFramesIsHeldAtTheUnreadBound) {
   start_thread();
   ccm_wakeup_network(ccm_);
@@ -267,8 +261,7 @@ TEST_F(IoTest, FloodOfSmallFramesIsHeldAtTheUnreadBound) {
   EXPECT_EQ(received * 48, bytes);
 }
 
-// A select that keeps failing (a closed socket number) is logged each time, and after a few
-// failures in a row the thread ends by itself.
+// A select that keeps failing is logged each time and then ends the thread by itself.
 TEST_F(IoTest, PersistentSelectFailureEndsTheThreadWithItsErrorLogged) {
   logged.clear();
   __log_set_logger(record_log);
@@ -357,8 +350,7 @@ class ListenTest : public IoTest {
   }
 };
 
-// A taken port, a bad port or no channel entry: -1 and no socket left open; without a
-// message for its notice, an accepted connection is closed again.
+// Listen failures leave no socket open; an accept without a notice closes the connection.
 TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
   ASSERT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), 0);
   const int port = channel_port(ccm_, 0), lowest = dup(0);
@@ -382,8 +374,7 @@ TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
   close(client);
 }
 
-// A partner on a zero window that sends garbage or half-closes loses its channel at once, and
-// the close never holds the thread: stop and join take far less than a lingering close.
+// A channel stuck on a zero window closes at once, and its close never holds the thread.
 TEST_F(ListenTest, ClosingAChannelStuckOnAZeroWindowNeverWaits) {
   const int port = listen_started();
   std::vector<int> clients;
@@ -411,8 +402,7 @@ TEST_F(ListenTest, ClosingAChannelStuckOnAZeroWindowNeverWaits) {
     close(c);
 }
 
-// Internal frames over TCP, forged notices among them, end the sender's channel with an
-// error and reach nobody; the listener and the other connections stay as they were.
+// Forged internal frames over TCP drop the sender only, with an error; they reach nobody.
 TEST_F(ListenTest, ForgedInternalFramesDropTheSenderAndChangeNothing) {
   const int port = listen_started();
   int honest[2], honest_id[2];
@@ -455,8 +445,7 @@ TEST_F(ListenTest, ForgedInternalFramesDropTheSenderAndChangeNothing) {
     close(c);
 }
 
-// A context of its own whose two paired channels greet each other `rounds` times; what went
-// wrong, or "".
+// Two paired channels of a context of its own greet each other; what went wrong, or "".
 std::string exchange_in_own_context(int mode, bool gss, int rounds) {
   ccm_app_context_head app{};
   app.running_mode = mode;
@@ -485,8 +474,7 @@ std::string exchange_in_own_context(int mode, bool gss, int rounds) {
   return fault;
 }
 
-// Two contexts side by side, each with its own thread, sets and classifier: neither sees the
-// other's traffic (and ThreadSanitizer sees no shared state).
+// Two contexts side by side never see each other's traffic (nor share state, for TSan).
 TEST(Contexts, TwoContextsRunSideBySide) {
   std::string faults[2];
   std::thread other([&] { faults[1] = exchange_in_own_context(1, true, 200); });

@@ -1,5 +1,4 @@
-// Frames on the wire: lengths, every key written and parsed, the send paths, addressing and
-// the counting queries.
+// Frames on the wire: lengths, keys parsed, the send paths and the counting queries.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -87,8 +86,7 @@ TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
   EXPECT_EQ(text(m).substr(0, 48), frame_header(55, "IPC"));
 }
 
-// Native keys give type 0 with the data moved to the start of the buffer; the short forms
-// take the rest of the body as their length; names before the payload are taken.
+// Native keys give type 0, their data moved to the buffer's start; names before are taken.
 TEST_F(WireTest, NativeKeysGiveTypeZeroWithTheirDataAtTheStartOfTheBuffer) {
   const Bytes d = "greeting";
   const std::tuple<Bytes, unsigned char, int> cases[] = {
@@ -111,8 +109,7 @@ TEST_F(WireTest, NativeKeysGiveTypeZeroWithTheirDataAtTheStartOfTheBuffer) {
   EXPECT_STREQ(classified(frame(entry1(1, "  AB    ") + entry1(4, d)))->addr.dst_name, "AB");
 }
 
-// Internal frames are taken unparsed from a trusted local partner only, and never when they
-// claim a notice that only the process itself makes; GSS frames keep their header.
+// IPC frames come unparsed from trusted partners only, never as own notices; GSS keep headers.
 TEST_F(WireTest, IpcAndGssFramesAreNotParsed) {
   const struct {
     Bytes body;
@@ -220,25 +217,7 @@ TEST_F(SendTest, NativeGssAndIpcFramesGetTheirHeaders) {
   EXPECT_EQ(ccm_get_sendq_count(ccm_), 0);
 }
 
-TEST_F(SendTest, ForwardSendsACopyFromTheServer) {
-  ccm_msg_t* in = message("job data", false);
-  ccm_setaddr(in, 0, 0, "", "JPAKTJ_R", 0x0A);
-  ccm_setback(in, "*CP1", "SENDER", 0x0B);
-  EXPECT_EQ(ccm_forward_NAT_message(ccm_, in, 42, "*CP9", &err_, 1), -1);
-  EXPECT_EQ(err_.msgnr, 2003070);
-  EXPECT_STREQ(err_.msginsert, "42/*CP9|channel not found|");
-  EXPECT_EQ(ccm_get_sendq_count(ccm_), 0);
-  ASSERT_EQ(ccm_forward_NAT_message(ccm_, in, 42, "", &err_, 0), 0);  // unchecked: by the ID
-  EXPECT_EQ(ccm_->sendq.head->addr.dst_ID, 42);
-  EXPECT_EQ(ccm_->sendq.head->addr.src_acv, 0x0B);
-  EXPECT_EQ(take_sent().substr(48), "\x02\x04\x0A\0\0\0"s + "\x01\x08JPAKTJ_R" + "\xFF\x08\0\0\0"s +
-                                        "job data" + "\xFD\x19\0"s +
-                                        "\x03\x07*SERVER\x01\x08SENDER  " + "\x02\x04\x0B\0\0\0"s);
-  EXPECT_EQ(text(in), "job data");
-}
-
-// Counts and the pending-output query walk every channel and skip deleted ones; type -1
-// never counts for pending output.
+// Counts and pending output walk every channel, skipping deleted (and type -1) ones.
 TEST_F(SendTest, CountsSkipDeletedChannels) {
   const int types[] = {3, 4, -1, 1, 3, 4, 6, 0, 255};  // the first two deleted
   ccm_channel_t channels[std::size(types)] = {};

@@ -1,5 +1,4 @@
-// Test support for the connection manager: a context per test, allocations made to fail,
-// resolver answers, frame builders and socket pairs.
+// Connection manager test support: a context per test, failing allocations, fake answers.
 #ifndef QX_TESTS_SUPPORT_CCM_H_
 #define QX_TESTS_SUPPORT_CCM_H_
 
@@ -48,26 +47,16 @@ inline std::string text(const ccm_msg_t* m) {
   return std::string(reinterpret_cast<const char*>(m->msg_start), m->len);
 }
 
-// While it lives, allocations tagged `tag` are counted and the nth fails (0: all, -1: none).
+// While it lives, every allocation tagged `tag` fails.
 inline const char* hook_tag = nullptr;
-inline int hook_nth = 0, hook_count = 0;
-inline void* hooked_alloc(size_t size, const char* tag) {
-  if (hook_tag != nullptr && std::strcmp(tag, hook_tag) == 0) {
-    if (++hook_count == hook_nth || hook_nth == 0) return nullptr;
-  }
-  return ccm_alloc_default(size, tag);
-}
 struct FailAllocations {
-  explicit FailAllocations(const char* tag, int nth = 0) {
+  explicit FailAllocations(const char* tag) {
     hook_tag = tag;
-    hook_nth = nth;
-    hook_count = 0;
-    ccm_alloc = hooked_alloc;
+    ccm_alloc = [](size_t size, const char* t) {
+      return std::strcmp(t, hook_tag) == 0 ? nullptr : ccm_alloc_default(size, t);
+    };
   }
-  ~FailAllocations() {
-    ccm_alloc = ccm_alloc_default;
-    hook_tag = nullptr;
-  }
+  ~FailAllocations() { ccm_alloc = ccm_alloc_default; }
 };
 
 // While it lives, every name resolves to these address literals, in this order.
