@@ -68,31 +68,6 @@ TEST_F(MessageTest, FailedAllocationsChangeNothing) {
   }
 }
 
-// Emptying frees receive queues and live channels' queues, not sendq or deleted channels.
-TEST_F(MessageTest, EmptyingQueuesFreesContextAndLiveChannelQueues) {
-  ccm_channel_t* gone = entered_channel();
-  ccm_channel_t* live = entered_channel();
-  ccm_channel_t* live2 = entered_channel();
-  merge_newq();
-  ccm_channel_delete(ccm_, gone);
-  live->recv_pos = 17;
-  for (ccm_msg_queue_t* q : {&live->sendq, &live->recvq, &gone->sendq, &live2->sendq, &ccm_->recvq,
-                             &ccm_->msgq_2dispatch, &ccm_->sendq}) {
-    ccm_msg_t* m = ccm_msg_alloc(ccm_, &err_);
-    ccm_queue_unlink(ccm_->msgq_inuse, m);
-    ccm_queue_append(*q, m);
-  }
-  ccm_msg_alloc(ccm_, &err_);  // in use
-  EXPECT_EQ(ccm_msg_emptying_queues(ccm_), 0);
-  for (ccm_msg_queue_t* q : {&ccm_->recvq, &ccm_->msgq_2dispatch, &ccm_->msgq_inuse, &live->sendq,
-                             &live->recvq, &live2->sendq})
-    EXPECT_EQ(q->head, nullptr);
-  EXPECT_EQ(live->recv_pos, 0);
-  EXPECT_NE(ccm_->sendq.head, nullptr);
-  EXPECT_NE(gone->sendq.head, nullptr);
-  EXPECT_EQ(ccm_->nof_freemsg, 6);
-}
-
 // Addresses are tried preferred usable first, then usable, then unusable; each once, <= max.
 TEST(Address, ChoiceAndTheOrderAllAreTriedIn) {
   const std::tuple<std::vector<const char*>, int, int, std::string> cases[] = {

@@ -17,7 +17,6 @@ const auto entry1 = [](int key, const Bytes& d) { return Bytes{char(key), char(d
 
 class WireTest : public CcmTest {
  protected:
-  WireTest() { wakeups_ = true; }
   void SetUp() override {
     CcmTest::SetUp();
     std::strcpy(ch_.name, "*ID7");
@@ -27,12 +26,10 @@ class WireTest : public CcmTest {
   void TearDown() override {
     for (ccm_msg_t* m : msgs_)
       ccm_msg_free(ccm_, m);
-    ccm_set_gss_classifier(ccm_, nullptr);
     CcmTest::TearDown();
   }
 
-  // A message holding `bytes`, freed with the test; as a received frame at the very end of its
-  // area, so that any read past the frame leaves the allocation.
+  // A message holding `bytes`, freed with the test; a received frame ends its area.
   ccm_msg_t* message(const Bytes& bytes, bool at_end = true) {
     ccm_msg_t* m = ccm_msg_alloc_huge(ccm_, static_cast<int>(bytes.size()) + 256, &err_);
     msgs_.push_back(m);
