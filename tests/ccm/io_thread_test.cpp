@@ -162,52 +162,44 @@ TEST_F(IoTest, QueuedMessagesResumeAfterPartialWritesAndAClosedPartnerDeletes) {
   EXPECT_EQ(ch_->msgnr, CCM_MSGNR_SEND_ERROR);
 }
 
-// Dispatch by ID or server name, in order; the unroutable is freed unless marked to keep.
-TEST_F(IoTest, DispatchRoutesByIdOrNameAndFreesTheUnroutable) {
-  ccm_channel_t* server = entered_channel(CCM_CHTYPE_CP);
+// One cycle dispatches by ID (in order) or server name, frees the unroutable unless kept,
+// passes deleted, socketless and unwatchable channels and serves the live one behind them.
+TEST_F(IoTest, CycleDispatchesAndServesTheLiveChannelBehindOthers) {
+  ccm_channel_t* server = entered_channel(CCM_CHTYPE_NOSOCKET);  // keeps what it is sent
   std::strcpy(server->name, "*SERVER");
   ccm_flag_set(server->flag, CCM_CHFLAG_NAT_02);
   server->pATctx = &err_;
-  ccm_msg_t* to_id = send(ch_->ID, "", std::string(60, 'i'));
-  send(999, "", std::string(60, 'u'));
-  ccm_msg_t* to_cp = send(0, "*CP(host)", std::string(60, 'c'));
-  to_cp->type = CCM_MSG_NAT;
-  ccm_msg_t* kept = send(998, "", std::string(60, 'k'), CCM_MSGFLAG_KEEP);
-  ccm_msg_t* to_id2 = send(ch_->ID, "", std::string(60, 'j'));
-  const int free_before = ccm_->nof_freemsg;
-  EXPECT_EQ(ccm_dispatch_send_messages(ccm_), 0);
-  EXPECT_EQ(members(ch_->sendq), (std::vector<ccm_msg_t*>{to_id, to_id2}));
-  EXPECT_EQ(members(server->sendq), std::vector<ccm_msg_t*>{to_cp});
-  EXPECT_TRUE(to_cp->flag & CCM_MSGFLAG_CHANNEL_02);
-  EXPECT_EQ(to_cp->pATctx, &err_);
-  EXPECT_FALSE(to_id->flag & CCM_MSGFLAG_CHANNEL_02);
-  EXPECT_EQ(ccm_->nof_freemsg, free_before + 1);  // the message for channel 999
-  EXPECT_EQ(ccm_->sendq.head, nullptr);
-  EXPECT_FALSE(channel_lock_held(ccm_));
-  ccm_msg_free(ccm_, kept);
-}
-
-// One cycle passes deleted, socketless and unwatchable channels and serves the live one.
-TEST_F(IoTest, CycleServesTheLiveChannelBehindOthers) {
   ccm_channel_delete(ccm_, entered_channel(CCM_CHTYPE_SILENT));
-  entered_channel(CCM_CHTYPE_NOSOCKET);
   ccm_channel_t* beyond = entered_channel(CCM_CHTYPE_SILENT);
   beyond->s = CCM_MAX_WATCHED_FD + 1;  // never opened: it must not reach select
   ccm_channel_t* live = nullptr;
   const int peer = paired_channel(&live);
   const std::string f = ipc_frame(64, 'z');
   put(peer, f);
-  send(live->ID, "", f);
+  send(999, "", f);
+  ccm_msg_t* kept = send(998, "", f, CCM_MSGFLAG_KEEP);
+  ccm_msg_t* to_cp = send(0, "*CP(host)", f);
+  to_cp->type = CCM_MSG_NAT;
+  send(live->ID, "", f.substr(0, 60));
+  send(live->ID, "", f.substr(60));
+  const int free_before = ccm_->nof_freemsg;
   EXPECT_EQ(ccm_network_select(ccm_, 5, &err_), 0);
+  EXPECT_EQ(ccm_->nof_freemsg, free_before + 3);  // the one to 999 and the two written
+  EXPECT_EQ(members(server->sendq), std::vector<ccm_msg_t*>{to_cp});
+  EXPECT_TRUE(to_cp->flag & CCM_MSGFLAG_CHANNEL_02);
+  EXPECT_EQ(to_cp->pATctx, &err_);
   EXPECT_EQ(beyond->msgnr, CCM_MSGNR_SYSCALL);
   beyond->s = -1;
-  ccm_msg_t* got = nullptr;
-  ASSERT_EQ(ccm_receive_message(ccm_, 0, &got, &err_), 1);
+  EXPECT_FALSE(channel_lock_held(ccm_));
+  ccm_msg_t* got = ccm_queue_pop(ccm_->recvq);
+  ASSERT_NE(got, nullptr);
   EXPECT_EQ(text(got), f.substr(48));
   ccm_msg_free(ccm_, got);
-  char back[64];
+  char back[65];
   EXPECT_EQ(recv(peer, back, sizeof back, MSG_DONTWAIT), 64);
+  EXPECT_EQ(std::string(back, 64), f);
   close(peer);
+  ccm_msg_free(ccm_, kept);
 }
 
 // A flood nobody takes is held at the unread bound in little memory; a notice with the
