@@ -1,7 +1,6 @@
 // The message pool, address resolution, the channel table and outgoing connections.
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -235,26 +234,14 @@ TEST_F(ConnectTest, RefusalsBeforeAnyChannelIsMade) {
   EXPECT_EQ(ccm_->recvq.head, nullptr);
 }
 
-// A connect failing at once (broadcast) or without a socket leaves one close notice.
-TEST_F(ConnectTest, FailuresAfterTheChannelLeaveOneCloseNotice) {
+// A connect failing at once (broadcast) costs an ID and leaves one close notice.
+TEST_F(ConnectTest, FailureAfterTheChannelLeavesOneCloseNotice) {
   EXPECT_EQ(ccm_connect(ccm_, "255.255.255.255", 9, 5, nullptr, 60, &err_), -1);
   EXPECT_EQ(std::string(err_.msginsert).rfind("connect()|", 0), 0u) << err_.msginsert;
   EXPECT_EQ(ccm_->channel_newq.head, nullptr);
   ASSERT_EQ(members(ccm_->recvq).size(), 1u);
   EXPECT_EQ(ccm_close_notice_channelID(ccm_->recvq.head), 1);
   drain_recvq();
-  rlimit saved{};
-  getrlimit(RLIMIT_NOFILE, &saved);
-  const int lowest = dup(0);
-  close(lowest);
-  rlimit low = saved;
-  low.rlim_cur = static_cast<rlim_t>(lowest);  // no new descriptor can be had
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
-  const int rslt = ccm_connect(ccm_, "127.0.0.1", 9, 5, nullptr, 60, &err_);
-  setrlimit(RLIMIT_NOFILE, &saved);
-  EXPECT_EQ(rslt, -1);
-  EXPECT_STREQ(err_.msginsert, "socket()|24(Too many open files),S(-1(ID=2))|");
-  EXPECT_EQ(drain_recvq().size(), 1u);
 }
 
 // Refused addresses of a name are passed over in order; all refused closes the channel.
@@ -273,10 +260,9 @@ TEST_F(ConnectTest, MultiAddressConnectMovesOnToTheNextAddress) {
                {{"127.0.0.2", "127.0.0.4", "127.0.0.5", "127.0.0.1"}, true},
                {{"127.0.0.2", "127.0.0.4"}, false}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.answers.size());
     Resolver fake(c.answers);
     const int id = ccm_connect(ccm_, "multi", ntohs(a.sin_port), 5, nullptr, 60, &err_);
-    ASSERT_GT(id, 0) << err_.msginsert;
+    ASSERT_GT(id, 0) << c.answers.size() << err_.msginsert;
     if (c.connected) {  // taken, then closed by the partner
       pollfd pfd{listener, POLLIN, 0};
       ASSERT_EQ(poll(&pfd, 1, 5000), 1);

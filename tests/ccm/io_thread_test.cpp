@@ -55,12 +55,11 @@ class IoTest : public CcmTest {
     }
     return bodies;
   }
-  ccm_msg_t* send(int dst_ID, const char* dst_addr, const std::string& bytes, int flag = 0) {
+  ccm_msg_t* send(int dst_ID, const char* dst_addr, const std::string& bytes) {
     ccm_msg_t* m = ccm_msg_alloc_huge(ccm_, std::max<int>(bytes.size(), CCM_MSG_POOL_SIZE), &err_);
     std::memcpy(m->msg_start, bytes.data(), bytes.size());
     m->len = static_cast<int>(bytes.size());
     ccm_setaddr(m, dst_ID, 0, dst_addr, "", 0);
-    m->flag = flag;
     ccm_send_message_common(ccm_, m, "test");
     return m;
   }
@@ -72,7 +71,6 @@ class IoTest : public CcmTest {
     ccm_->thread_started = 0;
     return true;
   }
-  bool deleted() const { return (ch_->flag & CCM_CHFLAG_DELETED) != 0; }
 
   int peer_ = -1;
   ccm_channel_t* ch_ = nullptr;
@@ -96,7 +94,7 @@ TEST_F(IoTest, FramesSplitAnywhereArriveWholeAndABadLengthDeletes) {
   bad.resize(8192 + 100, 'x');  // more than the first buffer holds
   put(peer_, bad);
   EXPECT_EQ(ccm_read_channel(ccm_, ch_, &err_), -1);
-  EXPECT_TRUE(deleted());
+  EXPECT_TRUE(ch_->flag & CCM_CHFLAG_DELETED);
   EXPECT_EQ(ch_->msgnr, CCM_MSGNR_RECEIVE_ERROR);
   EXPECT_EQ(ch_->recv_size, CCM_RECV_GROW_STEP);
 }
@@ -158,7 +156,7 @@ TEST_F(IoTest, QueuedMessagesResumeAfterPartialWritesAndAClosedPartnerDeletes) {
   send(ch_->ID, "", out[1]);
   ccm_dispatch_send_messages(ccm_);
   EXPECT_EQ(ccm_write_channel(ccm_, ch_, &err_), -1);
-  EXPECT_TRUE(deleted());
+  EXPECT_TRUE(ch_->flag & CCM_CHFLAG_DELETED);
   EXPECT_EQ(ch_->msgnr, CCM_MSGNR_SEND_ERROR);
 }
 
@@ -177,7 +175,8 @@ TEST_F(IoTest, CycleDispatchesAndServesTheLiveChannelBehindOthers) {
   const std::string f = ipc_frame(64, 'z');
   put(peer, f);
   send(999, "", f);
-  ccm_msg_t* kept = send(998, "", f, CCM_MSGFLAG_KEEP);
+  ccm_msg_t* kept = send(998, "", f);
+  kept->flag = CCM_MSGFLAG_KEEP;
   ccm_msg_t* to_cp = send(0, "*CP(host)", f);
   to_cp->type = CCM_MSG_NAT;
   send(live->ID, "", f.substr(0, 60));
@@ -294,9 +293,6 @@ TEST_F(CcmTest, IpcTypesAreMatchedOverAllSixteenBytes) {
     EXPECT_EQ(logged.size(), k.rslt == 0 ? 0u : 2u);
   }
   __log_set_logger(nullptr);
-  ccm_msg_t* probe = ccm_msg_alloc(ccm_, &err_);  // an empty message forgets the context
-  process_IPC_message(nullptr, ccm_, probe);
-  ccm_msg_free(ccm_, probe);
 }
 
 int local_port(int s) {
@@ -345,7 +341,6 @@ TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
   const int port = channel_port(ccm_, 0), lowest = dup(0);
   close(lowest);
   EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", port, 5, &err_), -1);
-  EXPECT_EQ(err_.msgnr, CCM_MSGNR_SYSCALL);
   EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 65536, 5, &err_), -1);
   FailAllocations fail("CREATE_CHANNEL");
   EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), -1);
@@ -414,12 +409,10 @@ TEST_F(ListenTest, ForgedInternalFramesDropTheSenderAndChangeNothing) {
     put(attacker, f);
     ccm_msg_t* m = next_message();  // the attacker's channel closed, nothing else
     ASSERT_NE(m, nullptr);
+    EXPECT_EQ(ccm_close_notice_channelID(m), id);
     ipcmsg_channel_close_t closed;
-    ASSERT_EQ(m->len, static_cast<int>(sizeof closed));
     std::memcpy(static_cast<void*>(&closed), m->msg_start, sizeof closed);
     ccm_msg_free(ccm_, m);
-    EXPECT_STREQ(closed.head.msgtype, "CHANNEL_CLOSE");
-    EXPECT_EQ(closed.ccmch.ID, id);
     EXPECT_EQ(closed.ccmch.msgnr, CCM_MSGNR_RECEIVE_ERROR);
     char byte;
     EXPECT_EQ(read(attacker, &byte, 1), 0);

@@ -34,7 +34,6 @@ inline std::string frame_header(int total, const char* protocol = "NAT",
 inline std::string frame(const std::string& body, const char* protocol = "NAT") {
   return frame_header(48 + static_cast<int>(body.size()), protocol) + body;
 }
-
 // An internal frame of `total` bytes whose body bytes depend on `seed` and their position.
 inline std::string ipc_frame(int total, int seed) {
   std::string f = frame_header(total, "IPC");
@@ -42,7 +41,6 @@ inline std::string ipc_frame(int total, int seed) {
     f.push_back(static_cast<char>(seed * 31 + i));
   return f;
 }
-
 inline std::string text(const ccm_msg_t* m) {
   return std::string(reinterpret_cast<const char*>(m->msg_start), m->len);
 }
@@ -113,26 +111,22 @@ class CcmTest : public ::testing::Test {
     if (ccm_ != nullptr) ccm_session_close(ccm_, &err_);
   }
   void start_thread() { ASSERT_EQ(ccm_thread_start(ccm_, &err_), 0); }
-
   // What the network thread does at the start of each cycle.
   void merge_newq() {
     ccm_channel_guard guard(ccm_, ccm_lock_trace::kQuiet);
     while (ccm_channel_t* ch = ccm_queue_pop(ccm_->channel_newq))
       ccm_queue_append(ccm_->channelq, ch);
   }
-
-  ccm_channel_t* new_channel(int type = CCM_CHTYPE_MESSENGER) {
+  ccm_channel_t* new_channel(int type = CCM_CHTYPE_MESSENGER, bool entered = false) {
     ccm_channel_t* ch = nullptr;
     EXPECT_EQ(ccm_channel_new_entry(ccm_, &ch, &err_), 0);
-    if (ch != nullptr) ch->type = type;
+    ch->type = type;
+    if (entered) ccm_channel_chain(ccm_, ch);
     return ch;
   }
   ccm_channel_t* entered_channel(int type = CCM_CHTYPE_MESSENGER) {
-    ccm_channel_t* ch = new_channel(type);
-    ccm_channel_chain(ccm_, ch);
-    return ch;
+    return new_channel(type, true);
   }
-
   // An entered channel of a trusted local partner on one end of a socket pair; the other end.
   int paired_channel(ccm_channel_t** ch) {
     int sv[2];
@@ -143,7 +137,6 @@ class CcmTest : public ::testing::Test {
     ccm_channel_chain(ccm_, *ch);
     return sv[1];
   }
-
   // Takes every message of recvq; the types of the internal messages.
   std::vector<std::string> drain_recvq() {
     std::vector<std::string> types;
