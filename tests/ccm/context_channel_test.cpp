@@ -28,7 +28,6 @@ TEST_F(MessageTest, PoolKeepsAtMost64AndNeverHugeMessages) {
   for (ccm_msg_t* m : msgs)
     ccm_msg_free(ccm_, m);
   EXPECT_EQ(ccm_->nof_freemsg, 64);
-  EXPECT_EQ(members(ccm_->msg_freeq).size(), 64u);
   EXPECT_EQ(ccm_->msgq_inuse.head, nullptr);
   ccm_msg_t* pooled = ccm_msg_alloc_huge(ccm_, CCM_MSG_POOL_SIZE, &err_);
   EXPECT_EQ(ccm_->nof_freemsg, 63);
@@ -230,7 +229,6 @@ TEST_F(ConnectTest, RefusalsBeforeAnyChannelIsMade) {
     EXPECT_EQ(std::string(err_.msginsert).rfind(insert, 0), 0u) << err_.msginsert;
   }
   EXPECT_EQ(ccm_->unique_channel_ID, 1);
-  EXPECT_EQ(ccm_->channel_newq.head, nullptr);
   EXPECT_EQ(ccm_->recvq.head, nullptr);
 }
 

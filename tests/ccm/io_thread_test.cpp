@@ -1,6 +1,5 @@
 // Reading, writing, descriptor passing, the network thread, internal messages, listening.
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -34,7 +33,6 @@ int record_log(int msgnr, const char* insert) {
   return 0;
 }
 
-// A context with the wake-up pipes and a trusted channel on a socket pair.
 class IoTest : public CcmTest {
  protected:
   IoTest() { wakeups_ = true; }
@@ -151,7 +149,6 @@ TEST_F(IoTest, QueuedMessagesResumeAfterPartialWritesAndAClosedPartnerDeletes) {
     ASSERT_EQ(ccm_write_channel(ccm_, ch_, &err_), 0);
   }
   EXPECT_EQ(got, out[0] + out[1] + out[2]);
-  EXPECT_EQ(ch_->sendq.head, nullptr);
   shutdown(peer_, SHUT_RD);
   send(ch_->ID, "", out[1]);
   ccm_dispatch_send_messages(ccm_);
@@ -228,9 +225,7 @@ TEST_F(IoTest, FloodOfSmallFramesIsHeldAtTheUnreadBound) {
   const int unread = __atomic_load_n(&ch_->unread_msgs, __ATOMIC_SEQ_CST);
   EXPECT_GE(unread, CCM_UNREAD_MAX_MSGS);
   EXPECT_LE(unread, CCM_UNREAD_MAX_MSGS + CCM_RECV_READ_AHEAD / 48);
-  if (!qxtest::kSanitizerBuild) {
-    EXPECT_LT(qxtest::peak_memory_kb() - before_kb, 8 * 1024);
-  }
+  EXPECT_LT(qxtest::kSanitizerBuild ? 0 : qxtest::peak_memory_kb() - before_kb, 8 * 1024);
   while (write(ccm_->processor_wakeup[1], "P", 1) == 1) {
   }
   const auto t0 = Clock::now();

@@ -77,6 +77,13 @@ TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
   std::vector<char> big(256, 'x');
   ccm_msg_write_native_data(m, 4, big.data(), 256);
   EXPECT_EQ(m->len, 0);
+  const std::pair<int, int> lengths[] = {{-1, -1}, {100000000, -1}, {99999999, 0}};
+  for (auto [len, rslt] : lengths) {  // the length must fit eight digits
+    m->len = len;
+    EXPECT_EQ(ccm_msg_set_protocol_header(m, "IPC"), rslt) << len;
+  }
+  EXPECT_EQ(std::memcmp(m->msg_start, "99999999QX7:global001IPC", 24), 0);
+  m->len = 0;
 }
 
 // Native keys give type 0, their data moved to the buffer's start; names before are taken.
