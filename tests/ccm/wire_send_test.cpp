@@ -191,9 +191,11 @@ TEST_F(WireTest, NativeGssAndIpcFramesGetTheirHeaders) {
                 frame_header(51, "GSS", "K5      ") + "tok", 0}};
   for (const auto& c : cases) {
     ccm_msg_t* m = ccm_msg_alloc(ccm_, &err_);
+    message("", false);  // in use after it: the send unlinks it from behind another
     std::memcpy(m->msg_start, c.body.data(), c.body.size());
     m->len = static_cast<int>(c.body.size());
     ASSERT_EQ(c.send(ccm_, m), 0) << c.body;
+    EXPECT_EQ(members(ccm_->msgq_inuse).size(), msgs_.size());
     EXPECT_EQ(m->type, c.type) << c.body;
     EXPECT_EQ(take_sent(), c.frame);
   }
@@ -202,7 +204,6 @@ TEST_F(WireTest, NativeGssAndIpcFramesGetTheirHeaders) {
   EXPECT_EQ(send_native_message(ccm_, m), -1);
   EXPECT_EQ(send_NAT_message(ccm_, m), -1);
   EXPECT_EQ(m->msg_start, m->buffer1 + 20);
-  EXPECT_EQ(m->len, 3);
   EXPECT_EQ(ccm_get_sendq_count(ccm_), 0);
 }
 

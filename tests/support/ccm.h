@@ -111,8 +111,7 @@ class CcmTest : public ::testing::Test {
     if (ccm_ != nullptr) ccm_session_close(ccm_, &err_);
   }
   void start_thread() { ASSERT_EQ(ccm_thread_start(ccm_, &err_), 0); }
-  // What the network thread does at the start of each cycle.
-  void merge_newq() {
+  void merge_newq() {  // as the network thread does at the start of each cycle
     ccm_channel_guard guard(ccm_, ccm_lock_trace::kQuiet);
     while (ccm_channel_t* ch = ccm_queue_pop(ccm_->channel_newq))
       ccm_queue_append(ccm_->channelq, ch);
@@ -137,8 +136,7 @@ class CcmTest : public ::testing::Test {
     ccm_channel_chain(ccm_, *ch);
     return sv[1];
   }
-  // Takes every message of recvq; the types of the internal messages.
-  std::vector<std::string> drain_recvq() {
+  std::vector<std::string> drain_recvq() {  // frees recvq's messages; their types
     std::vector<std::string> types;
     while (ccm_msg_t* m = ccm_queue_pop(ccm_->recvq)) {
       types.emplace_back(reinterpret_cast<const char*>(m->msg_start));
@@ -147,8 +145,7 @@ class CcmTest : public ::testing::Test {
     return types;
   }
 
-  // The next received message within 5 seconds, or null.
-  ccm_msg_t* next_message() {
+  ccm_msg_t* next_message() {  // within 5 seconds, or null
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     ccm_msg_t* m = nullptr;
     while (m == nullptr && std::chrono::steady_clock::now() < deadline)
