@@ -195,7 +195,7 @@ TEST_F(WireTest, NativeGssAndIpcFramesGetTheirHeaders) {
     std::memcpy(m->msg_start, c.body.data(), c.body.size());
     m->len = static_cast<int>(c.body.size());
     ASSERT_EQ(c.send(ccm_, m), 0) << c.body;
-    EXPECT_EQ(members(ccm_->msgq_inuse).size(), msgs_.size());
+    EXPECT_EQ(ccm_->msgq_inuse.tail, msgs_.front());
     EXPECT_EQ(m->type, c.type) << c.body;
     EXPECT_EQ(take_sent(), c.frame);
   }
@@ -203,6 +203,8 @@ TEST_F(WireTest, NativeGssAndIpcFramesGetTheirHeaders) {
   m->msg_start = m->buffer1 + 20;
   EXPECT_EQ(send_native_message(ccm_, m), -1);
   EXPECT_EQ(send_NAT_message(ccm_, m), -1);
+  EXPECT_EQ(ccm_forward_NAT_message(ccm_, m, 42, "*CP9", &err_, 1), -1);  // no such channel
+  EXPECT_EQ(err_.msgnr, 2003070);
   EXPECT_EQ(m->msg_start, m->buffer1 + 20);
   EXPECT_EQ(ccm_get_sendq_count(ccm_), 0);
 }
