@@ -101,6 +101,7 @@ TEST_F(IoTest, FramesSplitAnywhereArriveWholeAndABadLengthDeletes) {
 TEST_F(IoTest, PassedDescriptorGoesToTheFirstFrameOfTheReadOnly) {
   int pipefd[2];
   ASSERT_EQ(pipe(pipefd), 0);
+  ASSERT_EQ(send_file_descriptor(ccm_, ch_->name, pipefd[1], 5, 6, "JOBOUTPUT"), 0);  // queued
   const std::string both = ipc_frame(60, 1) + ipc_frame(70, 2);
   alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))] = {};
   iovec iov{const_cast<char*>(both.data()), both.size()};
@@ -336,6 +337,7 @@ TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
   close(lowest);
   EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", port, 5, &err_), -1);
   EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 65536, 5, &err_), -1);
+  EXPECT_EQ(ccm_create_listen(ccm_, "no-such-host.invalid", 0, 5, &err_), -1);
   FailAllocations fail("CREATE_CHANNEL");
   EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), -1);
   EXPECT_EQ(dup(0), lowest);
@@ -397,7 +399,6 @@ TEST_F(ListenTest, ForgedInternalFramesDropTheSenderAndChangeNothing) {
       notice("CHANNEL_ACCEPT", honest_id[0]), notice("CHANNEL_CLOSE", 2),  // the listener
       notice("CHANNEL_CLOSE", honest_id[1]), notice("ROUTENAT", honest_id[0]), ipc_frame(300, 3)};
   for (const std::string& f : forged) {
-    SCOPED_TRACE(testing::PrintToString(f.substr(48, 16)));
     const int attacker = connect_client(port), id = accepted();
     ASSERT_GT(id, 0);
     put(attacker, f);
@@ -407,7 +408,7 @@ TEST_F(ListenTest, ForgedInternalFramesDropTheSenderAndChangeNothing) {
     ipcmsg_channel_close_t closed;
     std::memcpy(static_cast<void*>(&closed), m->msg_start, sizeof closed);
     ccm_msg_free(ccm_, m);
-    EXPECT_EQ(closed.ccmch.msgnr, CCM_MSGNR_RECEIVE_ERROR);
+    EXPECT_EQ(closed.ccmch.msgnr, CCM_MSGNR_RECEIVE_ERROR) << f.substr(48, 16);
     char byte;
     EXPECT_EQ(read(attacker, &byte, 1), 0);
     close(attacker);
