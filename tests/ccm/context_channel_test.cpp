@@ -137,9 +137,7 @@ TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
   ccm_channel_delete(ccm_, deleted);
   EXPECT_NE(ccm_->flag & CCM_FLAG_CHANNEL_DELETED, 0);
   auto by_id = [this](ccm_channel_t* c) { return ccm_channel_getbyID(ccm_, c->ID); };
-  auto by_remote = [this](ccm_channel_t* c) {
-    return ccm_channel_getbyRemoteID(ccm_, c->remoteID);
-  };
+  auto by_remote = [this](auto* c) { return ccm_channel_getbyRemoteID(ccm_, c->remoteID); };
   auto by_name = [this](ccm_channel_t* c) { return ccm_channel_getbyName(ccm_, c->name); };
   const struct {
     std::function<ccm_channel_t*(ccm_channel_t*)> search;
@@ -230,7 +228,7 @@ TEST_F(ConnectTest, RefusalsBeforeAnyChannelIsMade) {
   EXPECT_EQ(ccm_->recvq.head, nullptr);
 }
 
-// A connect failing at once (broadcast) costs an ID and leaves one close notice.
+// A connect failing at once leaves one close notice; options fail without a socket.
 TEST_F(ConnectTest, FailureAfterTheChannelLeavesOneCloseNotice) {
   EXPECT_EQ(ccm_connect(ccm_, "255.255.255.255", 9, 5, nullptr, 60, &err_), -1);
   EXPECT_EQ(std::string(err_.msginsert).rfind("connect()|", 0), 0u) << err_.msginsert;
@@ -238,6 +236,8 @@ TEST_F(ConnectTest, FailureAfterTheChannelLeavesOneCloseNotice) {
   ASSERT_EQ(members(ccm_->recvq).size(), 1u);
   EXPECT_EQ(ccm_close_notice_channelID(ccm_->recvq.head), 1);
   drain_recvq();
+  ccm_channel_t* ch = entered_channel();  // no socket
+  EXPECT_EQ(ccm_set_nonblocking(ccm_, ch, &err_) + ccm_set_linger(ccm_, ch, 1, 60, &err_), -2);
 }
 
 // Refused addresses of a name are passed over in order; any other failure ends the connect.
