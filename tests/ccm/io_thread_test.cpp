@@ -364,11 +364,8 @@ TEST_F(ListenTest, ClosingAChannelStuckOnAZeroWindowNeverWaits) {
     ASSERT_GT(id, 0);
     send(id, "", std::string(1 << 20, 'z'));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the window closes
-    if (garbage) {
-      put(clients.back(), "GET / HTTP/1.0\r\n\r\n");
-    } else {
-      shutdown(clients.back(), SHUT_WR);
-    }
+    garbage ? put(clients.back(), "GET / HTTP/1.0\r\n\r\n")
+            : (void)shutdown(clients.back(), SHUT_WR);
     ccm_msg_t* closed = next_message();
     ASSERT_NE(closed, nullptr);
     EXPECT_EQ(ccm_close_notice_channelID(closed), id);
