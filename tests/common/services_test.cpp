@@ -192,8 +192,9 @@ TEST(Arithmetic64, SignedComparisonsAndExtension) {
   EXPECT_EQ(std::make_tuple(0, 1, 0, 1, 0, 1, 0),
             std::make_tuple(MyGt8(&m1, &p1), MyGt8(&p1, &m1), MyGt8(&p1, &p1), MyLe8(&m1, &p1),
                             MyLe8(&p1, &m1), MyLe8(&p1, &p1), MyGt4(&i_m1, &i_p1)));
-  EXPECT_EQ(std::make_tuple(1, 0, 1),
-            std::make_tuple(MyGt4(&i_p1, &i_m1), MyGt4(&i_p1, &i_p1), MyLe4(&i_m1, &i_p1)));
+  EXPECT_EQ(std::make_tuple(1, 0, 1, 0, 1),
+            std::make_tuple(MyGt4(&i_p1, &i_m1), MyGt4(&i_p1, &i_p1), MyLe4(&i_m1, &i_p1),
+                            MyLe4(&i_p1, &i_m1), MyLe4(&i_p1, &i_p1)));
   MyAddFrom4(&sum, -1);
   EXPECT_EQ(-1, sum);
   sum = 0;
@@ -513,8 +514,10 @@ TEST(KeyedFields, GetRestFieldAndGetAttribute) {
     EXPECT_EQ(c.value != nullptr, found) << c.search << " in " << c.rest_len;
     EXPECT_STREQ(found ? c.value : "", found ? result.data() : "");
   }
-  char result[8];
+  char result[8] = "xxxxxxx";
   EXPECT_EQ(0, GetRestField("AX/first/", 9, 'A', result, 7));  // no "=" after the code
+  EXPECT_EQ(0, GetRestField("B=,sec", 6, 'B', result, 7));     // a value the area cuts short
+  EXPECT_STREQ("sec", result);                                 // is not found, yet terminated
 
   struct {
     const char *area, *search;
