@@ -1,0 +1,67 @@
+// The CMD expansion in-process: the exact text handed to the shell, and an area one byte too
+// small for it, at whichever step of the scan the area runs out, refused and wiped.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "messenger/command_exec.h"
+#include "scramble/scramble.h"
+
+namespace {
+
+std::string M(const std::string& clear) {  // the scrambled value with the "--10" marker
+  char text[512];
+  ZUSTRNG_EnMaxim2(text, clear.c_str(), kCommandPasswordKey);
+  return "--" + std::string(text + 2);
+}
+
+TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
+  const struct {
+    std::string command;
+    const char* want;  // null: refused
+  } cases[] = {{"x\\", "x\\"},
+               {"cat <<", "cat <<"},
+               {"cat <<-E", "cat <<-E"},
+               {"cat << \\E", "cat << \\E"},
+               {"cat <<\"E\\$\"", "cat <<\"E\\$\""},
+               {"x\n", "x\n"},
+               {"$((1))$(x)${x}<<<x", "$((1))$(x)${x}<<<x"},
+               {"x --10abc", "x --10ABC"},
+               {"x " + M("a b") + " " + M("A"), "x 'a b' A"},
+               {"\"$(x) " + M("a$b") + "\"", "\"$(x) \"'a$b'\"\""},
+               {"cat <<\\E\n" + M("a$b"), "cat <<\\E\na$b"},
+               {"cat <<E\nx\n" + M("a$b"), "cat <<E\nx\na\\$b"},
+               {"\"" + M("a$b"), "\"\"'a$b'\""},
+               {"'" + M("a'b"), "'a'\\''b"},
+               {"\\" + M("a b"), "\\a' b'"},
+               {"cat <<E\nx\nE", "cat <<E\nx\nE"},
+               {"cat <<'E'\n" + M("a$b"), "cat <<'E'\na$b"},
+               {"# " + M("a b"), "# a b"},
+               {"$" + M("a b"), nullptr},
+               {"$'x' " + M("a$b"), nullptr},
+               {"\\" + M("\ny"), nullptr},
+               {"cat <<" + M("ab"), nullptr},
+               {"cat << " + M("ab"), nullptr}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.command);
+    std::vector<char> area(ExpandedCmdSize(c.command.size()), 'x');
+    size_t len = 0;
+    if (c.want == nullptr) {
+      EXPECT_EQ(expandCmd(c.command, area.data(), area.size(), &len), -1);
+      EXPECT_EQ(std::string(area.data(), area.size()), std::string(area.size(), '\0'));
+      continue;
+    }
+    const std::string want = c.want;
+    ASSERT_EQ(expandCmd(c.command, area.data(), want.size() + 1, &len), 0);
+    EXPECT_EQ(std::string(area.data(), len), want);
+    EXPECT_EQ(area[len], '\0');
+    for (size_t size = 0; size <= want.size(); ++size) {
+      std::vector<char> small(size, 'x');
+      EXPECT_EQ(expandCmd(c.command, small.data(), size, &len), -1) << size;
+      EXPECT_EQ(std::string(small.begin(), small.end()), std::string(size, '\0')) << size;
+    }
+  }
+}
+
+}  // namespace
