@@ -473,17 +473,17 @@ std::string PrtLineStart(const void* addr, unsigned offset) {
 
 TEST(IPrtMem, CharacterClassPaddingAndRepeatMark) {
   Area equal = AreaOf(std::string(32, '~'));  // the last 16 bytes are left out too
-  Area mixed = AreaOf("[.\\a_");
+  Area mixed = AreaOf("[./\\a_");
   CaptureStdout();
   iPrtMem(equal.data(), 32, "t");
-  iPrtMem(mixed.data(), 5, "u");
+  iPrtMem(mixed.data(), 6, "u");
   std::string repeated =
       PadTo(PrtLineStart(equal.data(), 0) + "7e7e7e7e 7e7e7e7e 7e7e7e7e 7e7e7e7e<", 60) + ">" +
       std::string(16, '~') + "<\n";
   repeated[1] = '=';
   EXPECT_EQ(PadTo("t", 61) + " 0x000020 (00032)\n" + repeated + PadTo("u", 61) +
-                " 0x000005 (00005)\n" + PadTo(PrtLineStart(mixed.data(), 0) + "5b2e5c61 5f<", 60) +
-                ">..\\a_<\n",
+                " 0x000006 (00006)\n" +
+                PadTo(PrtLineStart(mixed.data(), 0) + "5b2e2f5c 615f<", 60) + ">../\\a_<\n",
             GetCapturedStdout());
 }
 

@@ -48,6 +48,9 @@ TEST(GetWordDelimited, ModesAndLimits) {
     const std::string rest(dst, c.dst_len);
     EXPECT_TRUE(c.n != -2 || rest.find_first_not_of('\0', strlen(c.want)) == rest.npos) << c.src;
   }
+  char dst[4] = "ab";
+  EXPECT_EQ(get_word_delimited(nullptr, '=', 1, dst, 4), 0);  // no text: an empty word
+  EXPECT_STREQ(dst, "");
 }
 
 // Copies and appends are cut to the area less one, always terminated, and leave the bytes
