@@ -271,10 +271,15 @@ TEST(AgentValgrind, WholeRunsLeaveNothing) {
     Simulator sim({"--mode", c.mode != nullptr ? c.mode : "normal"});
     const int port = c.mode != nullptr ? sim.port() : refused_port();
     ASSERT_GT(port, 0);
-    std::vector<std::string> args = {"--leak-check=full",           "--show-leak-kinds=all",
-                                     "--errors-for-leak-kinds=all", "--error-exitcode=99",
-                                     bin_path("qx_jpmd_dynamic"),   "IPA=127.0.0.1",
-                                     "PNR=" + std::to_string(port), "TRC=1"};
+    std::vector<std::string> args = {"--leak-check=full",
+                                     "--show-leak-kinds=all",
+                                     "--errors-for-leak-kinds=all",
+                                     "--error-exitcode=99",
+                                     "--track-fds=yes",
+                                     bin_path("qx_jpmd_dynamic"),
+                                     "IPA=127.0.0.1",
+                                     "PNR=" + std::to_string(port),
+                                     "TRC=1"};
     args.insert(args.end(), c.args.begin(), c.args.end());
     const RunResult run = run_program("/usr/bin/valgrind", args, 60);
     EXPECT_TRUE(run.exited);
@@ -283,6 +288,16 @@ TEST(AgentValgrind, WholeRunsLeaveNothing) {
     EXPECT_NE(run.err.find("All heap blocks were freed"), std::string::npos) << run.err;
     // memcheck really watched the heap: a run it could not follow shows no allocation.
     EXPECT_EQ(run.err.find("total heap usage: 0 allocs"), std::string::npos) << run.err;
+    // Open at exit: the three standard descriptors and what this test let the run inherit.
+    const size_t fds = run.err.find("FILE DESCRIPTORS: ");
+    ASSERT_NE(fds, std::string::npos) << run.err;
+    size_t inherited = 0;
+    for (size_t at = fds;
+         (at = run.err.find("<inherited from parent>", at + 1)) != std::string::npos;)
+      inherited++;
+    EXPECT_EQ(run.err.substr(fds, run.err.find('\n', fds) - fds),
+              "FILE DESCRIPTORS: " + std::to_string(3 + inherited) + " open (3 std) at exit.")
+        << run.err;
   }
 }
 

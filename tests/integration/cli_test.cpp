@@ -1,10 +1,8 @@
-// The real program's command line and report: the version answer, the report of every event
-// kind byte for byte, tracing, and arguments that are malformed, huge or hold 8-bit bytes.
-// Standard error stays empty in every case.
+// The real program's command line and report: the version answer, the usage, and the report of
+// every event kind byte for byte with arguments that are malformed, huge or hold 8-bit bytes.
 #include <gtest/gtest.h>
 
 #include <regex>
-#include <sstream>
 
 #include "messenger/usage.h"
 #include "support/process.h"
@@ -49,10 +47,8 @@ TEST(Version, LoneDashVNamesTheProgramFromArgvZero) {
   rmdir(dir);
 }
 
-// No argument, or exactly "--help" or "-h", prints the usage and nothing else, at once; any
-// other command line is a run as before: "foo" alone reports a restart and then tries to reach
-// the (empty) agent address, pausing 120 seconds between attempts; with other arguments, or in
-// lower case, -V is an ignored key.
+// No argument, or exactly "--help" or "-h", prints the usage at once; any other command line
+// is a run ("foo" alone pauses 120 seconds between attempts); -V with others is an ignored key.
 TEST(Usage, OnlyTheThreeUsageCommandLines) {
   const struct {
     std::vector<std::string> args;
@@ -159,44 +155,6 @@ TEST(Report, EveryEventKindByteForByte) {
     EXPECT_EQ(run.status, c.status);
     EXPECT_TRUE(std::regex_match(run.out, std::regex(Pattern(c.expected)))) << run.out;
   }
-}
-
-TEST(Trace, EveryNonReportLineHasTheTraceShape) {
-  const auto run =
-      Jpmd({"JNR=9", "TRC=1", "TYP=S", "TXT=traced", "TXT=" + std::string(99999, 'h'), "cmd"});
-  EXPECT_EQ(run.status, 0);
-  const std::regex trace(R"(^[0-9A-F]{8,}         \d{8}/\d{6}\.\d{3} - (.*)$)");
-  std::vector<std::string> texts;
-  int report_lines = 0;
-  std::istringstream lines(run.out);
-  for (std::string line; std::getline(lines, line);) {
-    std::smatch m;
-    if (std::regex_match(line, m, trace)) {
-      texts.push_back(m[1]);
-    } else {
-      EXPECT_EQ(line.substr(0, 2), "**") << line;
-      ++report_lines;
-    }
-  }
-  EXPECT_EQ(report_lines, 6);
-  ASSERT_GE(texts.size(), 20u);
-  // Arguments before TRC are not traced; a bare word is ignored (it would be the key CMD);
-  // the summary follows the last argument (RETRY=0).
-  const std::pair<size_t, std::string> expected[] = {{0, "argument-03 : TYP=S"},
-                                                     {1, "key(TYP) = value(S)"},
-                                                     {3, "key(TXT) = value(traced)"},
-                                                     {6, "argument-06 : cmd"},
-                                                     {7, "argument-06 ignored: it holds no \"=\""},
-                                                     {10, "TCP/IP address                 : ''"},
-                                                     {12, "job number                     : '9'"}};
-  for (const auto& [at, text] : expected)
-    EXPECT_EQ(texts[at], "parse_arguments:      " + text);
-  EXPECT_EQ(texts[17] + "|" + texts[18], "parse_arguments <-- (OK)|printMelder() -->");
-  EXPECT_EQ(texts.back(),
-            "main:      Program QX7 Messenger Version \"12.2.0+build.2108\" ended normally");
-  // A huge argument is traced cut to the trace line's limit.
-  EXPECT_EQ(texts[4].rfind("parse_arguments:      argument-05 : TXT=hhh", 0), 0u);
-  EXPECT_LT(texts[4].size(), 2100u);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
-// Runs of the real messenger against agents written here with plain sockets: frame builders
-// and readers, a scripted fake agent on a loopback port, the agent simulator, and helpers for
-// the expected job message bodies. Nothing here uses the connection manager: the fake agents
-// speak the wire format from their own few lines, so a framing fault cannot hide itself.
+// Agents written with plain sockets (frames, a scripted fake agent, the agent simulator) and
+// the expected job message bodies. Nothing here uses the connection manager, so a framing
+// fault cannot hide itself.
 #ifndef QX_TESTS_SUPPORT_AGENT_H_
 #define QX_TESTS_SUPPORT_AGENT_H_
 
@@ -49,8 +48,7 @@ inline Bytes nat_frame(const std::string& dst, const Bytes& payload) {
                std::string(payload.begin(), payload.end()));
 }
 
-// An internal frame: the 16-byte type (NUL-padded) and a 4-byte channel ID, as the notices
-// of a closed or accepted channel begin.
+// An internal frame: the 16-byte type (NUL-padded) and a 4-byte channel ID.
 inline Bytes ipc_notice(const char* type, int id) {
   std::string rec(16, '\0');
   rec.replace(0, strlen(type), type);
@@ -66,8 +64,7 @@ inline bool write_all(int fd, const Bytes& b) {
   return true;
 }
 
-// Receives into `p` until `n` bytes came (or, unless `all`, any): the count, short when the
-// partner closed or reset, or -1 when `deadline` passed first.
+// Receives `n` bytes (unless `all`, any): the count, short at a close, -1 past `deadline`.
 inline long receive(int fd, unsigned char* p, size_t n, long long deadline, bool all) {
   size_t got = 0;
   while (got < n && (all || got == 0)) {
@@ -94,7 +91,7 @@ inline bool read_frame(int fd, Bytes* out, int timeout_ms = 5000) {
   return true;
 }
 
-// Waits for the partner's close or reset (false: none within `timeout_ms`), keeping the rest.
+// Waits for the partner's close (false: none within `timeout_ms`), keeping what came.
 inline bool wait_eof(int fd, int timeout_ms, Bytes* rest = nullptr) {
   const long long deadline = now_ms() + timeout_ms;
   unsigned char buf[4096];
@@ -105,14 +102,13 @@ inline bool wait_eof(int fd, int timeout_ms, Bytes* rest = nullptr) {
   return true;
 }
 
-// Closes with a reset instead of an orderly close.
 inline void reset_close(int fd) {
   linger lg{1, 0};
   setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
   close(fd);
 }
 
-// A loopback socket listening on `*port` (0: any, stored back) or connected to it; -1 on failure.
+// A loopback socket listening on `*port` (0: any, stored back) or connected to it; or -1.
 inline int loopback_socket(int* port, bool listening) {
   const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), one = 1;
   sockaddr_in a{AF_INET, htons(static_cast<uint16_t>(*port)), {htonl(INADDR_LOOPBACK)}, {}};
@@ -128,21 +124,20 @@ inline int loopback_socket(int* port, bool listening) {
   return s;
 }
 
-// A loopback port on which nothing listens: connections to it are refused.
+// A loopback port on which nothing listens.
 inline int refused_port() {
   int port = 0;
   close(loopback_socket(&port, true));
   return port;
 }
 
-// Accepts connections on a loopback port and runs `script` for each in turn on its own thread.
-// The script may keep frames; the connection is closed after it unless it set `fd` to -1.
+// Runs `script` for each connection to its loopback port in turn, on its own thread. The
+// script may keep frames; the connection is closed after it unless it set `fd` to -1.
 class FakeAgent {
  public:
   using Script = std::function<void(FakeAgent& agent, int& fd, int index)>;
 
-  // A `rcvbuf` other than 0 sets the receive buffer of every connection it accepts (a tiny one
-  // makes an agent whose window closes while it does not read).
+  // A `rcvbuf` other than 0 sets the receive buffer of every connection it accepts.
   explicit FakeAgent(Script script, int port = 0, int rcvbuf = 0)
       : script_(std::move(script)), port_(port) {
     listen_fd_ = loopback_socket(&port_, true);
@@ -159,9 +154,11 @@ class FakeAgent {
   }
   int port() const { return port_; }
   int connections() const { return accepted_.load(); }
-  std::vector<long long> accept_times() { return locked(accept_times_); }
-  // The frames kept so far, once the scripts of all accepted connections have returned (for
-  // at most 5 seconds): a script still reading the messenger's last bytes may keep one more.
+  std::vector<long long> accept_times() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return accept_times_;
+  }
+  // The frames kept, once the scripts of all accepted connections returned (at most 5 s).
   std::vector<Bytes> frames() {
     std::unique_lock<std::mutex> lock(mu_);
     done_.wait_for(lock, std::chrono::seconds(5), [this] { return served_ == accepted_.load(); });
@@ -173,11 +170,6 @@ class FakeAgent {
   }
 
  private:
-  template <typename T>
-  T locked(const T& v) {
-    std::lock_guard<std::mutex> lock(mu_);
-    return v;
-  }
   void serve() {
     while (!stopping_) {
       int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
@@ -225,15 +217,14 @@ inline RunResult run_messenger(int port, std::vector<std::string> args, int limi
   return run_program(bin_path("qx_jpmd"), args, limit_secs);
 }
 
-// qx_agentsim on a free loopback port, its standard output in a file read back by lines, or
-// in the pipe `out_pipe` (its writing end), which only the first line is read from.
+// qx_agentsim on a free loopback port, its output in a file read back by lines, or in the
+// pipe `out_pipe`, of which only the first line is read.
 class Simulator {
  public:
   explicit Simulator(std::vector<std::string> args = {}, const int* out_pipe = nullptr)
       : out_(out_pipe != nullptr ? -1 : qxtest::temp_file()) {
     args.insert(args.begin(), {bin_path("qx_agentsim"), "--port", "0"});
     pid_ = qxtest::spawn(args, {-1, out_pipe != nullptr ? out_pipe[1] : out_, -1});
-    // The first line is "listening on ADDRESS port PORT".
     std::string first;
     if (out_pipe != nullptr) {
       char c;
@@ -257,7 +248,7 @@ class Simulator {
 
   int port() const { return port_; }
   pid_t pid() const { return pid_; }
-  // Its exit status once it ended (after a SIGTERM with `term`) within `timeout_ms`, else -1.
+  // Its exit status once it ended (after a SIGTERM with `term`) within `timeout_ms`, or -1.
   int stop(bool term = true, int timeout_ms = 10000) {
     if (pid_ > 0 && term) kill(pid_, SIGTERM);
     int st = 0;
@@ -267,7 +258,6 @@ class Simulator {
     }
     return pid_ > 0 ? -1 : status_;
   }
-  // The complete lines written so far.
   std::vector<std::string> lines() const {
     const std::string text = qxtest::read_all(out_);
     std::vector<std::string> out;
@@ -322,8 +312,8 @@ inline Bytes meld_body(size_t size, int client, int job, char status, size_t ver
   return b;
 }
 
-// Copies the seconds at `off_t` into `want` with the UTC time stamp at `off` that they make, so
-// the whole body compares byte for byte; false unless they lie within a few seconds before now.
+// Copies the seconds at `off_t` of `got` and the UTC time stamp at `off` they make into `want`;
+// false unless they lie within a few seconds before now.
 inline bool adopt_time(const Bytes& got, Bytes& want, size_t off, size_t off_t) {
   const time_t sent = static_cast<time_t>(get_le(got, off_t));
   tm u;

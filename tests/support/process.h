@@ -1,8 +1,9 @@
-// Runs a program as a child process with arguments and standard input, and collects its
-// standard output, standard error, the way it ended and how long it took.
+// Child processes of the tests: started with chosen standard descriptors, reaped with a
+// deadline, their output, exit and peak memory collected; and this process's descriptors.
 #ifndef QX_TESTS_SUPPORT_PROCESS_H_
 #define QX_TESTS_SUPPORT_PROCESS_H_
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -14,6 +15,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -48,16 +50,29 @@ inline std::string read_all(int fd) {
   return text;
 }
 
-// Sanitizers keep shadow memory and quarantines of their own: resident memory says nothing
-// about the program's there.
+// This process's open descriptors and what each refers to.
+inline std::map<int, std::string> open_descriptors() {
+  std::map<int, std::string> fds;
+  DIR* dir = opendir("/proc/self/fd");
+  for (dirent* e; dir != nullptr && (e = readdir(dir)) != nullptr;) {
+    char link[256] = {};
+    const int fd = atoi(e->d_name);
+    if (e->d_name[0] == '.' || fd == dirfd(dir)) continue;
+    fds[fd] =
+        readlink(("/proc/self/fd/" + std::string(e->d_name)).c_str(), link, 255) > 0 ? link : "";
+  }
+  if (dir != nullptr) closedir(dir);
+  return fds;
+}
+
+// Sanitizers keep shadow memory of their own: resident memory says nothing about the program's.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool kSanitizerBuild = true;
 #else
 inline constexpr bool kSanitizerBuild = false;
 #endif
 
-// The peak resident memory of this process in KiB (VmHWM), since start or the last
-// reset_peak_memory; -1 when unknown.
+// This process's peak resident memory in KiB since start or reset_peak_memory; -1 when unknown.
 inline long peak_memory_kb() {
   const int fd = open("/proc/self/status", O_RDONLY | O_CLOEXEC);
   char text[4096] = {};
@@ -66,10 +81,9 @@ inline long peak_memory_kb() {
   const char* at = n > 0 ? strstr(text, "VmHWM:") : nullptr;
   return at != nullptr ? atol(at + 6) : -1;
 }
-inline void reset_peak_memory() {
+inline void reset_peak_memory() {  // an older kernel keeps the peak: the measure is coarser
   const int fd = open("/proc/self/clear_refs", O_WRONLY | O_CLOEXEC);
   if (fd >= 0 && write(fd, "5", 1) != 1) {
-    // An older kernel keeps the peak: the measure is then only coarser.
   }
   if (fd >= 0) close(fd);
 }
@@ -78,10 +92,9 @@ struct RunResult {
   bool exited = false;  // ended by exit (not by a signal, not killed for running too long)
   int status = -1;      // exit status when `exited`, else -1
   int signal = 0;       // the signal that ended it, 0 when none
-  std::string out;      // standard output
-  std::string err;      // standard error
+  std::string out, err;
   double secs = 0;      // from start to exit
-  long max_rss_kb = 0;  // peak resident memory; Linux counts this process's at the fork too
+  long max_rss_kb = 0;  // peak resident memory
 };
 
 // In `fds` of spawn: the descriptor is closed in the child.
@@ -105,8 +118,7 @@ inline pid_t spawn(std::vector<std::string> args, const std::vector<int>& fds) {
   return pid;
 }
 
-// Waits for the child to end until `deadline` (of now_ms); false when it is still running.
-// `max_rss_kb`, when given, receives the child's peak resident memory.
+// Waits for the child until `deadline` (of now_ms); false when it still runs.
 inline bool reap(pid_t pid, long long deadline, int* st, long* max_rss_kb = nullptr) {
   rusage ru{};
   for (; wait4(pid, st, WNOHANG, &ru) == 0; usleep(1000))
