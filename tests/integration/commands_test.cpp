@@ -1,7 +1,6 @@
 // Scrambled passwords end to end: qx_jpmd CMD=... runs its command with the scrambled values
 // turned into clear text; qx_scramble makes and checks such values.
 #include <gtest/gtest.h>
-#include <pty.h>
 
 #include <algorithm>
 
@@ -240,38 +239,6 @@ TEST(ScrambleTool, RefusalsGoToStandardOutput) {
     close(in);
     close(full);
   }
-}
-
-TEST(ScrambleTool, TerminalPromptDoesNotEcho) {
-  int master = -1;
-  const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    execl(kTool.c_str(), kTool.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  std::string seen;
-  const auto read_some = [&] {
-    pollfd p{master, POLLIN, 0};
-    char buf[256];
-    const ssize_t n = poll(&p, 1, 5000) > 0 ? read(master, buf, sizeof buf) : 0;
-    if (n > 0) seen.append(buf, static_cast<size_t>(n));
-    return n > 0;
-  };
-  while (seen.find("Value: ") == std::string::npos && read_some()) {
-  }
-  ASSERT_EQ(write(master, "tty-secret\n", 11), 11);
-  while (read_some()) {
-  }
-  close(master);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_EQ(seen.find("tty-secret"), std::string::npos) << seen;
-  const size_t start = seen.find("--10");
-  ASSERT_NE(start, std::string::npos) << seen;
-  EXPECT_EQ(Unscramble(seen.substr(start, seen.find_first_of("\r\n", start) - start)),
-            "tty-secret");
 }
 
 }  // namespace
