@@ -1,5 +1,5 @@
-// Child processes of the tests: started with chosen standard descriptors, reaped with a
-// deadline, their output, exit and peak memory collected; and this process's descriptors.
+// Child processes of the tests (chosen standard descriptors, a deadline, output, exit and peak
+// memory collected) and this process's descriptors and memory.
 #ifndef QX_TESTS_SUPPORT_PROCESS_H_
 #define QX_TESTS_SUPPORT_PROCESS_H_
 
@@ -27,18 +27,16 @@ inline long long now_ms() {
   return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
 }
 
-// A program built by this project.
-inline std::string bin_path(const char* name) {
+inline std::string bin_path(const char* name) {  // a program built by this project
   return std::string(QX_BIN_DIR) + "/" + name;
 }
 
-// An unlinked temporary file holding `text`, its offset at the start.
+// An unlinked temporary file holding `text`.
 inline int temp_file(const std::string& text = "") {
   char path[] = "/tmp/qx_run_XXXXXX";
   const int fd = mkostemp(path, O_CLOEXEC);
   unlink(path);
-  if (!text.empty() && pwrite(fd, text.data(), text.size(), 0) != ssize_t(text.size())) return -1;
-  return fd;
+  return pwrite(fd, text.data(), text.size(), 0) == ssize_t(text.size()) ? fd : -1;
 }
 
 // The whole content of a file descriptor, read from offset 0.
@@ -56,9 +54,8 @@ inline std::map<int, std::string> open_descriptors() {
   DIR* dir = opendir("/proc/self/fd");
   for (dirent* e; dir != nullptr && (e = readdir(dir)) != nullptr;) {
     char link[256] = {};
-    const int fd = atoi(e->d_name);
-    if (e->d_name[0] == '.' || fd == dirfd(dir)) continue;
-    fds[fd] =
+    if (e->d_name[0] == '.' || atoi(e->d_name) == dirfd(dir)) continue;
+    fds[atoi(e->d_name)] =
         readlink(("/proc/self/fd/" + std::string(e->d_name)).c_str(), link, 255) > 0 ? link : "";
   }
   if (dir != nullptr) closedir(dir);
@@ -93,12 +90,11 @@ struct RunResult {
   int status = -1;      // exit status when `exited`, else -1
   int signal = 0;       // the signal that ended it, 0 when none
   std::string out, err;
-  double secs = 0;      // from start to exit
-  long max_rss_kb = 0;  // peak resident memory
+  double secs = 0;
+  long max_rss_kb = 0;
 };
 
-// In `fds` of spawn: the descriptor is closed in the child.
-inline constexpr int kClosedFd = -2;
+inline constexpr int kClosedFd = -2;  // in `fds` of spawn: closed in the child
 
 // Starts `args[0]` with `fds` as its standard input, output and error (-1: inherited).
 inline pid_t spawn(std::vector<std::string> args, const std::vector<int>& fds) {
