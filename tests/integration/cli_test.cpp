@@ -11,72 +11,47 @@ namespace {
 
 using qxtest::bin_path;
 
-std::string VersionLine(const std::string& name) {
-  return "QX7 Agent \"" + name + "\" version 12.2.0+build.2108, changelist '1530016094'\n";
-}
-
-// A run without connection attempts (no 120-second pauses) unless it waits for no answer.
-qxtest::RunResult Jpmd(std::vector<std::string> args,
-                       const std::string& program = bin_path("qx_jpmd")) {
-  if (args != std::vector<std::string>{"-V"} && args.back() != "TIMEOUT=NONE")
-    args.push_back("RETRY=0");
-  auto run = qxtest::run_program(program, args);
-  EXPECT_EQ(run.err, "");
-  return run;
-}
-
-std::string HighBytes() {
-  std::string high;
-  for (int b = 0x80; b <= 0xFF; ++b)
-    high += static_cast<char>(b);
-  return high;
-}
-
-TEST(Version, LoneDashVNamesTheProgramFromArgvZero) {
+// A lone -V names the program by argv[0]; no argument, or exactly "--help" or "-h", prints the
+// usage at once; any other command line is a run ("foo" alone pauses 120 seconds between
+// attempts) where -V is an ignored key.
+TEST(CommandLine, VersionUsageOrARun) {
   char dir[] = "/tmp/qx_cli_XXXXXX";
   ASSERT_NE(mkdtemp(dir), nullptr);
-  for (const std::string& name :
-       {std::string("qx_jpmd"), std::string("my_messenger"), std::string(255, 'n')}) {
-    const std::string link = std::string(dir) + "/" + name;
-    ASSERT_EQ(symlink(bin_path("qx_jpmd").c_str(), link.c_str()), 0);
-    const auto run = Jpmd({"-V"}, link);
-    EXPECT_EQ(run.out, VersionLine(name));
-    EXPECT_EQ(run.status, 0);
-    unlink(link.c_str());
-  }
-  rmdir(dir);
-}
-
-// No argument, or exactly "--help" or "-h", prints the usage at once; any other command line
-// is a run ("foo" alone pauses 120 seconds between attempts); -V with others is an ignored key.
-TEST(Usage, OnlyTheThreeUsageCommandLines) {
+  const std::string n255(255, 'n'), v = "\" version 12.2.0+build.2108, changelist '1530016094'\n";
   const struct {
     std::vector<std::string> args;
-    int status;  // -1: still running after a second
-  } cases[] = {{{}, 2},
-               {{"--help"}, 0},
-               {{"-h"}, 0},
-               {{"foo"}, -1},
-               {{"--help", "RETRY=0"}, 0},
-               {{"-h", "TYP=E", "RET=7", "RETRY=0"}, 7},
-               {{"-V", "TRC=1", "RETRY=0"}, 0},
-               {{"-v", "RETRY=0"}, 0}};
+    int status;       // -1: still running after a second
+    std::string out;  // the whole output, or (without a line end) a part of a run's report
+    std::string name = "qx_jpmd";
+  } cases[] = {{{"-V"}, 0, "QX7 Agent \"qx_jpmd" + v},
+               {{"-V"}, 0, "QX7 Agent \"my_messenger" + v, "my_messenger"},
+               {{"-V"}, 0, "QX7 Agent \"" + n255 + v, n255},
+               {{}, 2, kUsageText},
+               {{"--help"}, 0, kUsageText},
+               {{"-h"}, 0, kUsageText},
+               {{"foo"}, -1, "RESTART AT"},
+               {{"--help", "RETRY=0"}, 0, "RESTART AT"},
+               {{"-h", "TYP=E", "RET=7", "RETRY=0"}, 7, "ENDED AT"},
+               {{"-V", "TRC=1", "RETRY=0"}, 0, "RESTART AT"},
+               {{"-v", "RETRY=0"}, 0, "RESTART AT"}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.args.empty() ? "no argument"
-                                : c.args[0] + " ... (" + std::to_string(c.args.size()) + ")");
-    const auto run = qxtest::run_program(bin_path("qx_jpmd"), c.args, c.status < 0 ? 1 : 10);
+    SCOPED_TRACE(c.out.substr(0, 20) + " " + std::to_string(c.args.size()));
+    const std::string link = std::string(dir) + "/" + c.name;
+    ASSERT_EQ(symlink(bin_path("qx_jpmd").c_str(), link.c_str()), 0);
+    const auto run = qxtest::run_program(link, c.args, c.status < 0 ? 1 : 10);
+    unlink(link.c_str());
     EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.status, c.status);
-    if (c.args.size() <= 1 && c.status >= 0) {
-      EXPECT_EQ(run.out, kUsageText);
+    if (c.out.back() == '\n') {
+      EXPECT_EQ(run.out, c.out);
       EXPECT_LT(run.secs, 2.0);
     } else {
+      EXPECT_NE(run.out.find(c.out), std::string::npos) << run.out;
       EXPECT_EQ(run.out.find("usage:"), std::string::npos);
       EXPECT_EQ(run.out.find("QX7 Agent"), std::string::npos);
-      EXPECT_NE(run.out.find(c.status == 7 ? "ENDED AT" : "RESTART AT"), std::string::npos)
-          << run.out;
     }
   }
+  rmdir(dir);
 }
 
 // Everything literal but {DT} (dd.mm.yyyy / hh:mm:ss) and {STAMP} (yyyymmdd/hhmmss.mmm).
@@ -92,7 +67,9 @@ std::string Pattern(const std::string& expected) {
 
 // The report of every event kind; the process ID in it is the parent's, this test's.
 TEST(Report, EveryEventKindByteForByte) {
-  const std::string huge(100000, 'h'), high = HighBytes();  // within 128 KiB per argument
+  std::string huge(100000, 'h'), high;  // within 128 KiB per argument
+  for (int b = 0x80; b <= 0xFF; ++b)
+    high += static_cast<char>(b);
   char pid[16];
   snprintf(pid, sizeof pid, "%010i", static_cast<int>(getpid()));
   const auto framed = [](const std::string& event, const std::string& detail) {
@@ -151,7 +128,10 @@ TEST(Report, EveryEventKindByteForByte) {
               "**  parameters           : RETRY=01, WAIT=120                        **")}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args[0]);
-    const auto run = Jpmd(c.args);
+    std::vector<std::string> args = c.args;  // no pauses between attempts unless none is made
+    if (args.back() != "TIMEOUT=NONE") args.push_back("RETRY=0");
+    const auto run = qxtest::run_program(bin_path("qx_jpmd"), args);
+    EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.status, c.status);
     EXPECT_TRUE(std::regex_match(run.out, std::regex(Pattern(c.expected)))) << run.out;
   }

@@ -108,9 +108,11 @@ inline void reset_close(int fd) {
   close(fd);
 }
 
-// A loopback socket listening on `*port` (0: any, stored back) or connected to it; or -1.
-inline int loopback_socket(int* port, bool listening) {
+// A loopback socket listening on `*port` (0: any, stored back) or connected to it, with a
+// receive buffer of `rcvbuf` bytes unless 0; or -1.
+inline int loopback_socket(int* port, bool listening, int rcvbuf = 0) {
   const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), one = 1;
+  if (rcvbuf != 0) setsockopt(s, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
   sockaddr_in a{AF_INET, htons(static_cast<uint16_t>(*port)), {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t len = sizeof a;
   auto* sa = reinterpret_cast<sockaddr*>(&a);
@@ -140,9 +142,8 @@ class FakeAgent {
   // A `rcvbuf` other than 0 sets the receive buffer of every connection it accepts.
   explicit FakeAgent(Script script, int port = 0, int rcvbuf = 0)
       : script_(std::move(script)), port_(port) {
-    listen_fd_ = loopback_socket(&port_, true);
+    listen_fd_ = loopback_socket(&port_, true, rcvbuf);
     if (listen_fd_ < 0) ADD_FAILURE() << "no loopback port for the fake agent";
-    if (rcvbuf != 0) setsockopt(listen_fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
     if (listen_fd_ >= 0) thread_ = std::thread([this] { serve(); });
   }
   ~FakeAgent() {
