@@ -72,8 +72,10 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"printf '[%s]' ${x:-" + one + "}", "[s3cr3t-one]", 0},  // no quoting needed there
       {"printf '[%s]' \"$(echo x) " + Scrambled("a$b") + "\"", "[x a$b]", 0},  // "..." again
       {"cat <<\\E\n" + Scrambled("a$b") + "\nE\n", "a$b\n", 0},                // a quoted body
-      {"printf '[%s]' $'x' " + Scrambled("a$b"), kRefused, 1},
-      {"printf '[%s]' x\\", "[x\\]", 0},  // a backslash at the very end
+      {"printf '[%s]' $'x' " + Scrambled("a$b"), kRefused, 1},  // no place trusted after $'
+      {"printf '[%s]' $'x' " + Scrambled("AZaz09_./:@+,-"), "[$x][AZaz09_./:@+,-]", 0},
+      {"printf '[%s]' \\" + Scrambled("\ny"), kRefused, 1},  // the backslash would join lines
+      {"printf '[%s]' x\\", "[x\\]", 0},                     // a backslash at the very end
       {"false", "", 1},
       {"exit 7", "", 1},
       {"", "", 0},
