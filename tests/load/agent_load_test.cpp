@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <map>
+#include <set>
 
 #include "support/agent.h"
 
@@ -34,9 +34,9 @@ TEST(AgentLoad, ManyConnectionsThenManyMessengers) {
   int complete = 0;
   for (int i = 0; i < kConnections; i++) {
     Bytes greeting, reply, body = meld_body(276, 0, 100000 + i, 'R', 57);
-    if (!read_frame(fds[i], &greeting, 20000) || greeting.size() < 50 || greeting[48] != 4)
-      continue;
-    complete += write_all(fds[i], nat_frame("JPAKTJ_R", body)) && read_frame(fds[i], &reply, 20000);
+    complete += read_frame(fds[i], &greeting, 20000) && greeting.size() >= 50 &&
+                greeting[48] == 4 && write_all(fds[i], nat_frame("JPAKTJ_R", body)) &&
+                read_frame(fds[i], &reply, 20000);
   }
   EXPECT_EQ(complete, kConnections);
   for (int s : fds)
@@ -45,31 +45,27 @@ TEST(AgentLoad, ManyConnectionsThenManyMessengers) {
 
   std::vector<std::thread> runners;
   std::vector<RunResult> runs(kMessengers);
-  for (int i = 0; i < kMessengers; i++) {
+  for (int i = 0; i < kMessengers; i++)
     runners.emplace_back([&, i] {
       runs[i] = run_messenger(sim.port(),
                               {"TYP=E", "JNR=" + std::to_string(100000 + kConnections + i),
                                "RET=" + std::to_string(i % 100), "TIMEOUT=30"},
                               60);
     });
-  }
-  for (auto& t : runners)
-    t.join();
   for (int i = 0; i < kMessengers; i++) {
-    EXPECT_TRUE(runs[i].exited) << "messenger " << i << " signal " << runs[i].signal;
-    EXPECT_EQ(runs[i].status, i % 100) << "messenger " << i;
-    EXPECT_EQ(runs[i].err, "");
+    runners[i].join();
+    EXPECT_TRUE(runs[i].exited && runs[i].status == i % 100 && runs[i].err.empty())
+        << "messenger " << i << " status " << runs[i].status << " signal " << runs[i].signal;
   }
   ASSERT_TRUE(sim.wait_lines(1 + kConnections + kMessengers, 20000));
   EXPECT_EQ(sim.stop(), 0);
 
-  std::map<long long, int> seen;  // every event exactly once on the agent's side
+  std::set<long long> seen;  // every event exactly once on the agent's side
   for (const auto& l : sim.lines())
-    if (l.rfind("{", 0) == 0) seen[json_number(l, "job")]++;
-  int once = 0;
-  for (int job = 100000; job < 100000 + kConnections + kMessengers; job++)
-    once += seen[job] == 1;
-  EXPECT_EQ(once, kConnections + kMessengers);
+    if (l.rfind("{", 0) == 0) seen.insert(json_number(l, "job"));
+  EXPECT_EQ(seen.size(), size_t{kConnections + kMessengers});
+  EXPECT_EQ(*seen.begin(), 100000);
+  EXPECT_EQ(*seen.rbegin(), 100000 + kConnections + kMessengers - 1);
   EXPECT_EQ(sim.lines().size(), 1u + kConnections + kMessengers);
 }
 
