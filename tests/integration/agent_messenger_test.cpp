@@ -395,12 +395,9 @@ TEST_F(AgentSessionTest, Outcomes) {
     EXPECT_EQ(pcx_.agentID != 0, c.delivered);
     EXPECT_EQ(agent.frames().size(), c.delivered ? 1u : 0u);
     EXPECT_EQ(agent.connections(), c.attempts);
-    const std::vector<long long> at = agent.accept_times();
-    for (size_t i = 1; i < at.size(); i++) {
-      EXPECT_GE(at[i] - at[i - 1], kPauseMs - 5);
-      EXPECT_LT(at[i] - at[i - 1], kPauseMs + 3000);
-    }
-    EXPECT_LT(elapsed_ms_, std::max(c.attempts - 1, 0) * (kPauseMs + 3000) + 3000);
+    const int pauses = std::max(c.attempts - 1, 0);
+    EXPECT_TRUE(elapsed_ms_ >= pauses * kPauseMs && elapsed_ms_ < pauses * (kPauseMs + 3000) + 3000)
+        << elapsed_ms_;
   }
 }
 

@@ -155,10 +155,6 @@ class FakeAgent {
   }
   int port() const { return port_; }
   int connections() const { return accepted_.load(); }
-  std::vector<long long> accept_times() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return accept_times_;
-  }
   // The frames kept, once the scripts of all accepted connections returned (at most 5 s).
   std::vector<Bytes> frames() {
     std::unique_lock<std::mutex> lock(mu_);
@@ -175,10 +171,6 @@ class FakeAgent {
     while (!stopping_) {
       int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0) continue;
-      {
-        std::lock_guard<std::mutex> lock(mu_);
-        accept_times_.push_back(now_ms());
-      }
       script_(*this, fd, accepted_++);
       if (fd >= 0) close(fd);
       {
@@ -197,7 +189,6 @@ class FakeAgent {
   std::mutex mu_;
   std::condition_variable done_;
   int served_ = 0;  // connections whose script has returned; guarded by mu_
-  std::vector<long long> accept_times_;
   std::vector<Bytes> frames_;
   std::thread thread_;
 };
