@@ -357,28 +357,76 @@ class AgentSessionTest : public ::testing::Test {
 };
 
 // Each way a session ends: the job's status always, the agent's channel only once greeted, an
-// abnormal end only when an answer never came or there is no connection manager, and every
-// attempt but the first after the pause.
+// abnormal end only when the greeting never came or there is no connection manager, and every
+// attempt but the first after the pause. Internal messages of no channel that keep arriving
+// (for 5 s) do not hold a wait past its deadline. A name of two addresses, the first refused:
+// the attempt moves on to the second, a usable address before a loopback one, else in the
+// resolver's order (the agent listens on 127.0.0.1 only).
 TEST_F(AgentSessionTest, Outcomes) {
   const auto closes = [](FakeAgent&, int& fd, int) { close(std::exchange(fd, -1)); };
   const auto rejected = [](FakeAgent&, int& fd, int) {
     write_all(fd, native_frame("wrong", 7));
     wait_eof(fd, 3000);
   };
+  const auto silent = [](FakeAgent&, int& fd, int) { wait_eof(fd, 3000); };
+  const auto mute = [](FakeAgent& self, int& fd, int) {
+    write_all(fd, native_frame("mute agent"));
+    Bytes frame;
+    if (read_frame(fd, &frame)) self.keep(frame);
+    wait_eof(fd, 3000);
+  };
+  static std::vector<std::string> answers;
+  ccm_resolver.resolve = [](const char* node, const char* service, const addrinfo* hints,
+                            addrinfo** res) {
+    if (std::strcmp(node, "agent.test") != 0) return getaddrinfo(node, service, hints, res);
+    addrinfo numeric{};  // the answers, chained into one list that freeaddrinfo releases
+    numeric.ai_flags = AI_NUMERICHOST;
+    numeric.ai_socktype = SOCK_STREAM;
+    for (const std::string& a : answers) {
+      if (getaddrinfo(a.c_str(), nullptr, &numeric, res) != 0) return EAI_NONAME;
+      res = &(*res)->ai_next;
+    }
+    return 0;
+  };
+  static long long flow_until;
+  on_wait_step_ = [] {
+    ccm_error_t err{};
+    ccm_msg_t* m = now_ms() < flow_until ? ccm_msg_alloc(ccm, &err) : nullptr;
+    if (m == nullptr) return;
+    std::memcpy(m->msg_start, "UNRELATED", 10);
+    m->len = 16;
+    m->type = CCM_MSG_IPC;
+    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
+    ccm_queue_unlink(ccm->msgq_inuse, m);
+    ccm_queue_append(ccm->recvq, m);
+  };
   const struct {
     const char* name;
     FakeAgent::Script script;  // null: nothing listens
     int retry, attempts;
-    bool abnormal, delivered, no_context = false;
+    bool abnormal, delivered, no_context = false, flow = false;
+    std::vector<std::string> answers = {};  // of the name agent.test, the host when given
   } cases[] = {
       {"delivered", good_agent, 2, 1, false, true},
       {"rejected", rejected, 3, 3, false, false},
       {"closed at once", closes, 2, 2, false, false},
-      {"timed out", [](FakeAgent&, int& fd, int) { wait_eof(fd, 3000); }, 2, 1, true, false},
+      {"timed out", silent, 2, 1, true, false},
       {"nothing listening", nullptr, 2, 0, false, false},
       {"no attempt", closes, 0, 0, false, false},
       {"negative RETRY", closes, -2, 0, false, false},
       {"no connection manager", closes, 3, 0, true, false, true},
+      {"unrelated messages, no greeting", silent, 1, 1, true, false, false, true},
+      {"unrelated messages, no reply", mute, 1, 1, false, true, false, true},
+      {"usable address first",
+       good_agent,
+       1,
+       1,
+       false,
+       true,
+       false,
+       false,
+       {"127.0.0.1", "127.0.0.2"}},
+      {"loopback addresses", good_agent, 1, 1, false, true, false, false, {"::1", "127.0.0.1"}},
   };
   timeout_ = 1;
   for (const auto& c : cases) {
@@ -389,7 +437,11 @@ TEST_F(AgentSessionTest, Outcomes) {
         return std::strcmp(tag, "CCM_OPEN") == 0 ? nullptr : ccm_alloc_default(size, tag);
       };
     }
-    EXPECT_EQ(run(c.retry, c.script ? agent.port() : refused_port()), 9);
+    answers = c.answers;
+    flow_until = c.flow ? now_ms() + 5000 : 0;
+    EXPECT_EQ(run(c.retry, c.script ? agent.port() : refused_port(),
+                  answers.empty() ? "127.0.0.1" : "agent.test"),
+              9);
     ccm_alloc = ccm_alloc_default;
     EXPECT_EQ(pcx_.abnormal_end, c.abnormal ? 1 : 0);
     EXPECT_EQ(pcx_.agentID != 0, c.delivered);
@@ -399,6 +451,7 @@ TEST_F(AgentSessionTest, Outcomes) {
     EXPECT_TRUE(elapsed_ms_ >= pauses * kPauseMs && elapsed_ms_ < pauses * (kPauseMs + 3000) + 3000)
         << elapsed_ms_;
   }
+  ccm_resolver = ccm_resolver_default;
 }
 
 // The first attempt's close notice is queued at once (refused) or arrives during the pause
@@ -446,72 +499,6 @@ TEST_F(AgentSessionTest, StaleCloseNoticeIsNoAnswer) {
     EXPECT_EQ(std::string(frames[0].begin() + 63, frames[0].begin() + 71), "MELD    ");
     EXPECT_LT(elapsed_ms_, kPauseMs + 3000);  // a wait for the time-out would take 5 seconds
   }
-}
-
-// Internal messages of no channel keep arriving during the wait for the greeting or the reply:
-// each wait still ends by its deadline (the flow stops after 5 s, so a wait that ignores it
-// fails the time check instead of hanging).
-TEST_F(AgentSessionTest, DeadlineHoldsWhileUnrelatedMessagesArrive) {
-  static long long flow_until;
-  on_wait_step_ = [] {
-    if (now_ms() > flow_until) return;
-    ccm_error_t err{};
-    ccm_msg_t* m = ccm_msg_alloc(ccm, &err);
-    if (m == nullptr) return;
-    std::memcpy(m->msg_start, "UNRELATED", 10);
-    m->len = 16;
-    m->type = CCM_MSG_IPC;
-    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
-    ccm_queue_unlink(ccm->msgq_inuse, m);
-    ccm_queue_append(ccm->recvq, m);
-  };
-  timeout_ = 1;
-  for (const bool greets : {false, true}) {
-    SCOPED_TRACE(greets ? "waiting for the reply" : "waiting for the greeting");
-    FakeAgent agent([greets](FakeAgent& self, int& fd, int) {
-      if (greets) write_all(fd, native_frame("mute agent"));
-      Bytes frame;
-      if (read_frame(fd, &frame, 10000)) self.keep(frame);
-      wait_eof(fd, 10000);
-    });
-    flow_until = now_ms() + 5000;
-    EXPECT_EQ(run(1, agent.port()), 9);
-    EXPECT_EQ(pcx_.abnormal_end, greets ? 0 : 1);
-    EXPECT_EQ(agent.frames().size(), greets ? 1u : 0u);
-    EXPECT_LT(elapsed_ms_, 1000 + 2000);
-  }
-}
-
-// A name of two addresses, the first refused: the attempt moves on to the second within its
-// time-out. A usable address goes before a loopback one, else the resolver's order holds.
-TEST_F(AgentSessionTest, NextAddressWhenTheFirstIsRefused) {
-  static std::vector<std::string> answers;
-  ccm_resolver.resolve = [](const char* node, const char*, const addrinfo*, addrinfo** res) {
-    addrinfo hints{};  // numeric answers, chained into one list that freeaddrinfo releases
-    hints.ai_flags = AI_NUMERICHOST;
-    hints.ai_socktype = SOCK_STREAM;
-    for (const std::string& a : answers) {
-      if (std::strcmp(node, "agent.test") != 0 || getaddrinfo(a.c_str(), nullptr, &hints, res) != 0)
-        return EAI_NONAME;
-      res = &(*res)->ai_next;
-    }
-    return 0;
-  };
-  // The fake agent listens on 127.0.0.1 only: 127.0.0.2 and ::1 refuse or cannot be reached.
-  const std::vector<std::string> cases[] = {
-      {"127.0.0.1", "127.0.0.2"},  // 127.0.0.2 is usable and tried first
-      {"::1", "127.0.0.1"},        // both loopback: the resolver's order
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c[0] + " " + c[1]);
-    answers = c;
-    FakeAgent agent(good_agent);
-    EXPECT_EQ(run(1, agent.port(), "agent.test"), 9);
-    EXPECT_NE(pcx_.agentID, 0);
-    EXPECT_EQ(agent.frames().size(), 1u);
-    EXPECT_LT(elapsed_ms_, 3000);
-  }
-  ccm_resolver = ccm_resolver_default;
 }
 
 }  // namespace
