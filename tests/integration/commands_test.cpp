@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "messenger/command_exec.h"
 #include "scramble/scramble.h"
 #include "support/process.h"
 
@@ -76,6 +77,8 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"printf '[%s]' $'x' " + Scrambled("AZaz09_./:@+,-"), "[$x][AZaz09_./:@+,-]", 0},
       {"printf '[%s]' \\" + Scrambled("\ny"), kRefused, 1},  // the backslash would join lines
       {"printf '[%s]' x\\", "[x\\]", 0},                     // a backslash at the very end
+      {"cat <<E\nx\n" + Scrambled("a$b") + "\nE\n", "x\na$b\n", 0},  // on a later body line
+      {"cat <<E" + Scrambled("ab") + "\nx\n", kRefused, 1},          // in the delimiter word
       {"false", "", 1},
       {"exit 7", "", 1},
       {"", "", 0},
@@ -89,6 +92,23 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
   }
   // Arguments after CMD are not looked at, and no report is printed.
   EXPECT_EQ(run_program(kMessenger, {"TYP=S", "cmd=printf done", "TRC=1"}).out, "done");
+}
+
+// An expansion fits a result area of its length and terminator, and no smaller one: each
+// is refused wherever it is cut, at the end included.
+TEST(CmdExec, ExpansionIsBoundedByItsArea) {
+  for (const std::string& command :
+       {"printf x\\"s, "cat <<"s, "printf \"x\\" + Scrambled("a$b"),
+        "cat <<E\nx\\" + Scrambled("a$b"), "printf '[%s]' " + Scrambled("a b")}) {
+    SCOPED_TRACE(command);
+    char full[512];
+    size_t want = 0, len = 0;
+    ASSERT_EQ(expandCmd(command, full, sizeof full, &want), 0);
+    for (size_t size = 1; size <= want + 1; size++) {
+      std::vector<char> area(size);
+      EXPECT_EQ(expandCmd(command, area.data(), size, &len), size > want ? 0 : -1) << size;
+    }
+  }
 }
 
 // Passwords with every character that means something to the shell, a run of 119 of them,
