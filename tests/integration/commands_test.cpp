@@ -82,7 +82,8 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"false", "", 1},
       {"exit 7", "", 1},
       {"", "", 0},
-      {"kill -9 $$", "", 1}};
+      {"kill -9 $$", "", 1},
+      {"kill -USR1 $PPID; sleep 0.2; printf done", "done", 0}};  // the wait goes on after SIGUSR1
   for (const auto& c : cases) {
     SCOPED_TRACE(c.command);
     const auto run = run_program(kMessenger, {"CMD=" + c.command});
