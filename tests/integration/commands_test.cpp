@@ -1,5 +1,4 @@
-// Scrambled passwords end to end: qx_jpmd CMD=... runs its command with the scrambled values
-// turned into clear text; qx_scramble makes and checks such values.
+// CMD=... runs its command with scrambled passwords turned into clear text; qx_scramble.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,7 +15,6 @@ using namespace std::string_literals;
 
 const std::string kMessenger = bin_path("qx_jpmd"), kTool = bin_path("qx_scramble");
 
-// The scrambled text of `value` with the "--10" header (or 0xAD 0xAD with `magic`).
 std::string Scrambled(const std::string& value, bool magic = false) {
   char text[512];
   ZUSTRNG_EnMaxim2(text, value.c_str(), kCommandPasswordKey);
@@ -39,8 +37,7 @@ const std::string kRefused =
 TEST(CmdExec, PasswordsAreReplacedInPlace) {
   const std::string one = Scrambled("s3cr3t-one"), d16 = "0123456789ABCDEF", d10 = "abcdef1234";
   const std::string two = Scrambled("second password of 24 ch", /*magic=*/true);
-  // 119 characters fill 15 blocks (240 digits), the longest value that can be replaced; a run
-  // of digits ends after 251 of them, no whole number of blocks: kept, upper-cased.
+  // 119 characters: 240 digits, the longest value; a run of digits ends after 251 of them.
   const std::string longest(119, 'L'), a252(252, 'a');
   const struct {
     std::string command, output;
@@ -95,26 +92,8 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
   EXPECT_EQ(run_program(kMessenger, {"TYP=S", "cmd=printf done", "TRC=1"}).out, "done");
 }
 
-// An expansion fits a result area of its length and terminator, and no smaller one: each
-// is refused wherever it is cut, at the end included.
-TEST(CmdExec, ExpansionIsBoundedByItsArea) {
-  for (const std::string& command :
-       {"printf x\\"s, "cat <<"s, "printf \"x\\" + Scrambled("a$b"),
-        "cat <<E\nx\\" + Scrambled("a$b"), "printf '[%s]' " + Scrambled("a b")}) {
-    SCOPED_TRACE(command);
-    char full[512];
-    size_t want = 0, len = 0;
-    ASSERT_EQ(expandCmd(command, full, sizeof full, &want), 0);
-    for (size_t size = 1; size <= want + 1; size++) {
-      std::vector<char> area(size);
-      EXPECT_EQ(expandCmd(command, area.data(), size, &len), size > want ? 0 : -1) << size;
-    }
-  }
-}
-
-// Passwords with every character that means something to the shell, a run of 119 of them,
-// and every other byte, in each place where a marker can stand: the program run by the
-// command gets exactly the clear text, once, as one argument, and nothing else runs.
+// Every shell-special character, a run of 119 and every byte, in each place a marker can stand,
+// reach the program as exactly one argument, and nothing else runs.
 TEST(CmdExec, ClearTextIsOneLiteralPieceOfItsWord) {
   const std::string specials = " \t\n;&|<>()$`\"'\\*?[]#~=%";
   std::vector<std::string> values = {"Pa$$w0rd;id"};
@@ -155,10 +134,8 @@ TEST(CmdExec, ClearTextIsOneLiteralPieceOfItsWord) {
   }
 }
 
-// While the command runs, its shell's command line and environment hold no clear text (nor does
-// the trace, which shows the command as written), no program it runs holds the script's
-// descriptor, standard input is the messenger's, and SIGPIPE is at its default action although
-// the messenger was started with it ignored.
+// No clear text on the shell's command line, environment or trace, no script descriptor
+// for what it runs, the messenger's stdin, and SIGPIPE at its default action.
 TEST(CmdExec, ShellShowsNoClearText) {
   const std::string clear = "Kl4r-" + std::to_string(getpid());
   const std::string command =
@@ -179,9 +156,8 @@ TEST(CmdExec, ShellShowsNoClearText) {
   EXPECT_EQ(ignored & (1ULL << (SIGPIPE - 1)), 0u) << run.out;
 }
 
-// Without a name for the script's descriptor (no /proc) or a memory file for it (no room to
-// write one), the command goes to the shell's command line, quoted all the same, and the trace
-// says so; the shell never takes the messenger's standard input for the script.
+// Without /proc or room for the script file, the quoted command goes on the shell's command
+// line (traced); the shell never takes the messenger's stdin for the script.
 TEST(CmdExec, WithoutAScriptFileTheCommandLineCarriesIt) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "sanitizer run times need /proc and room to write";
@@ -211,8 +187,7 @@ TEST(CmdExec, WithoutAScriptFileTheCommandLineCarriesIt) {
 #endif
 }
 
-// What the tool scrambles unscrambles to the line it read, with the "--10" header (or, with -m,
-// 0xAD 0xAD) and the key given; -d reads it back in either case.
+// The tool's output unscrambles to the line read, with either header and key; -d reads it back.
 TEST(ScrambleTool, ScramblesStandardInputAndReadsItBack) {
   for (const std::string& value : {"hunter2"s, "blank & $ign"s, ""s, std::string(119, 'z')}) {
     SCOPED_TRACE(value);

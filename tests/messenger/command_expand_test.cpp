@@ -35,6 +35,8 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
                {"\"" + M("a$b"), "\"\"'a$b'\""},
                {"'" + M("a'b"), "'a'\\''b"},
                {"\\" + M("a b"), "\\a' b'"},
+               {"\"x\\" + M("a$b"), "\"x\\\\\"'a$b'\""},
+               {"cat <<E\nx\\" + M("a$b"), "cat <<E\nx\\\\a\\$b"},
                {"cat <<E\nx\nE", "cat <<E\nx\nE"},
                {"cat <<'E'\n" + M("a$b"), "cat <<'E'\na$b"},
                {"# " + M("a b"), "# a b"},
