@@ -1,8 +1,5 @@
-// Memory helpers, spin-lock integers, error records, byte order and numbers, code pages, the
-// protocol header, host name resolution and memory dumps. Look-ups stay on this machine:
-// literals, "localhost", an address of the documentation range and a name in the reserved
-// ".invalid" domain. Dumped areas are heap vectors of exactly the bytes given, so that ASan
-// catches a read beyond them.
+// Memory, spin locks, error records, numbers, code pages, protocol header, host names (this
+// machine only) and dumps (of heap areas exactly as long as the bytes, so ASan sees overreads).
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -37,8 +34,7 @@ namespace {
 using Bytes = std::string;
 using namespace std::string_literals;
 
-// In a death test's child: limits the address space to what is used now plus 64 MiB and
-// sends standard output, and only it, where the death test looks.
+// In a death test's child: 64 MiB more address space at most, stdout where the test looks.
 void LowerAddressSpace() {
   dup2(STDERR_FILENO, STDOUT_FILENO);
   dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
@@ -50,8 +46,7 @@ void LowerAddressSpace() {
   if (setrlimit(RLIMIT_AS, &rl) != 0) _exit(99);
 }
 
-// MemAllocRetArea ends the process with status 1 and its message on stdout; mem_alloc_copy
-// gives null without touching the source.
+// MemAllocRetArea exits 1 with its message; mem_alloc_copy gives null, source untouched.
 TEST(MemoryDeathTest, RunningOutOfMemory) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "sanitizer runtimes reserve terabytes of address space";
@@ -236,9 +231,7 @@ TEST(NumberTexts, AddressIntegerAndHexWithinTheirAreas) {
   EXPECT_STREQ("00FFA51C", out);
 }
 
-// Over all 256 bytes: 7-bit bytes come back but 0x13 (as 0x12) and 0x7F (as 0x07); 8-bit
-// bytes come back as 0x07, except Ä, Ö and Ü, which come back as "[", "\" and "]". No two
-// 7-bit bytes share an EBCDIC byte, and an EBCDIC byte no 7-bit byte lands on gives 0xFE.
+// All 256 bytes: 7-bit ones return (not 0x13, 0x7F), 8-bit as 0x07 (Ä Ö Ü as [ \ ]), no clash.
 TEST(Ebcdic, KnownPairsAndRoundTripOverAllBytes) {
   EXPECT_EQ(0, iIsEbcdic());
   for (auto [ascii, ebcdic] :
@@ -333,8 +326,7 @@ using testing::internal::GetCapturedStdout;
 constexpr const char* kUnknownName = "no-such-host.invalid";
 constexpr const char* kUnnamedAddress = "192.0.2.1";
 
-// Without a name server an unknown name may come back as "try again" rather than "not found";
-// either way the text and the code must agree.
+// Without a name server an unknown name may be "try again"; text and code must agree.
 void ExpectLookupFailure(const char* text, int code) {
   EXPECT_TRUE(code == HOST_NOT_FOUND || code == TRY_AGAIN) << code;
   EXPECT_STREQ(code == HOST_NOT_FOUND ? "HOST_NOT_FOUND" : "TRY_AGAIN", text);

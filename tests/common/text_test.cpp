@@ -19,8 +19,7 @@ using namespace std::string_literals;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
-// Word mode (n > 0), rest mode (-2) and the whole text (-1), at the limits of the area; nothing
-// is written behind the area, and rest mode clears the area behind a short text.
+// Word, rest (-2) and whole (-1) modes at the area's limits; rest mode clears behind the text.
 TEST(GetWordDelimited, ModesAndLimits) {
   struct Case {
     const char* src;
@@ -53,8 +52,7 @@ TEST(GetWordDelimited, ModesAndLimits) {
   EXPECT_STREQ(dst, "");
 }
 
-// Copies and appends are cut to the area less one, always terminated, and leave the bytes
-// behind the area alone; null and non-positive sizes are harmless; an overlapping cut is a move.
+// Copies and appends: cut to the area less one, terminated, nothing written behind it.
 TEST(StringCopy, BoundedAtTheLimit) {
   const std::tuple<int, const char*, std::string> cases[] = {
       {4, "abcdef", "abc\0X"s}, {4, "abc", "abc\0X"s}, {4, "abcd", "abc\0"s}, {4, "", "\0"s},
@@ -79,8 +77,7 @@ TEST(StringCopy, BoundedAtTheLimit) {
   EXPECT_EQ(_StringCat(nullptr, 4, "x", __FILE__, __LINE__), nullptr);
 }
 
-// Blanks go, tabs stay; fixed fields are worked on within their length only; characters are
-// replaced and descriptor sets listed within the text.
+// Blanks go, tabs stay; fixed fields, case, replacement and descriptor lists within bounds.
 TEST(Blanks, StripAndFixedFields) {
   struct {
     const char *in, *stripped, *left, *right;
@@ -170,7 +167,6 @@ TEST(TextHelpers, HexStringAndEnvironment) {
   EXPECT_STREQ(out, "");
 }
 
-// Sets TZ for one test and restores the previous value afterwards.
 struct TimeZone {
   explicit TimeZone(const char* tz) : old(getenv("TZ") ? getenv("TZ") : "") {
     setenv("TZ", tz, 1);
@@ -259,8 +255,7 @@ std::vector<std::string> Lines(const std::string& text) {
   return lines;
 }
 
-// Trace lines: "%.8X         %s - %s" with the local time stamp to milliseconds, cut at 2047;
-// with tracing off the macro does not even format. mprintf cuts likewise.
+// Trace lines: "%.8X         %s - %s", cut at 2047; off, the macro does not format.
 TEST(Trace, LineShapeCutAndOff) {
   trcFlag = 1;
   CaptureStdout();
@@ -288,15 +283,13 @@ TEST(Trace, LineShapeCutAndOff) {
   EXPECT_EQ(out.size(), 23u + 2047u + 1u);
 }
 
-// The dump's lines, the heading first.
 std::vector<std::string> Dump(const void* data, int len) {
   CaptureStdout();
   trcdump(const_cast<void*>(data), len, "title %d", len);
   return Lines(GetCapturedStdout());
 }
 
-// Offsets in column 20; repeated groups are left out but the last is shown ("=" marks the
-// first); two equal groups are both shown.
+// Offsets in column 20; repeats left out but the last ("=" marks the first); two equal shown.
 TEST(Trcdump, HeadingShortLinesAndRepeats) {
   char byte = 0, tail[64];
   auto lines = Dump(&byte, 0);
