@@ -38,10 +38,12 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
                {"\"x\\" + M("a$b"), "\"x\\\\\"'a$b'\""},
                {"cat <<E\nx\\" + M("a$b"), "cat <<E\nx\\\\a\\$b"},
                {"cat <<E\nx\nE", "cat <<E\nx\nE"},
+               {"${x:-y} " + M("a b"), "${x:-y} 'a b'"},
                {"cat <<'E'\n" + M("a$b"), "cat <<'E'\na$b"},
                {"# " + M("a b"), "# a b"},
                {"$" + M("a b"), nullptr},
                {"$'x' " + M("a$b"), nullptr},
+               {"cat <<-E\nx\n" + M("\ty"), nullptr},
                {"\\" + M("\ny"), nullptr},
                {"cat <<" + M("ab"), nullptr},
                {"cat << " + M("ab"), nullptr}};
