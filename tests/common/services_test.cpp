@@ -288,9 +288,9 @@ TEST(CodeTab, SetCodeTabAndAreaConv) {
   for (int i = 0; i < kCodeTabSize; ++i)
     upper[i] = static_cast<unsigned char>(toupper(i));
   const char in[3] = {'a', '\xE4', 'z'};  // exactly three readable bytes
-  char out[3];
+  char out[4] = {0, 0, 0, '#'};
   EXPECT_EQ(3, AreaConv(out, in, 3, upper));
-  EXPECT_EQ("A\xE4Z", Bytes(out, 3));
+  EXPECT_EQ("A\xE4Z#", Bytes(out, 4));
   char same[] = "mixed Text";
   EXPECT_EQ(10, AreaConv(same, same, 10, upper));
   EXPECT_STREQ("MIXED TEXT", same);
@@ -465,17 +465,17 @@ std::string PrtLineStart(const void* addr, unsigned offset) {
 
 TEST(IPrtMem, CharacterClassPaddingAndRepeatMark) {
   Area equal = AreaOf(std::string(32, '~'));  // the last 16 bytes are left out too
-  Area mixed = AreaOf("[./\\a_");
+  Area mixed = AreaOf("!./\\a_[");
   CaptureStdout();
   iPrtMem(equal.data(), 32, "t");
-  iPrtMem(mixed.data(), 6, "u");
+  iPrtMem(mixed.data(), 7, "u");
   std::string repeated =
       PadTo(PrtLineStart(equal.data(), 0) + "7e7e7e7e 7e7e7e7e 7e7e7e7e 7e7e7e7e<", 60) + ">" +
       std::string(16, '~') + "<\n";
   repeated[1] = '=';
   EXPECT_EQ(PadTo("t", 61) + " 0x000020 (00032)\n" + repeated + PadTo("u", 61) +
-                " 0x000006 (00006)\n" +
-                PadTo(PrtLineStart(mixed.data(), 0) + "5b2e2f5c 615f<", 60) + ">../\\a_<\n",
+                " 0x000007 (00007)\n" +
+                PadTo(PrtLineStart(mixed.data(), 0) + "212e2f5c 615f5b<", 60) + ">!./\\a_.<\n",
             GetCapturedStdout());
 }
 

@@ -100,6 +100,8 @@ TEST(Blanks, StripAndFixedFields) {
   EXPECT_STREQ(GetStringTh("abcdefgh", 8, value, 1), "");  // room for the terminator only
   fix_len_reorg2(h, 4);  // no blank to drop: still terminated inside the field
   EXPECT_STREQ(h, "wxy");
+  fix_len_reorg2(h, 0);  // an empty field stays as it is
+  EXPECT_STREQ(h, "wxy");
   char text[] = "aZ\x80\xe4z-1";  // only ASCII letters change case, within the length
   ToUpperCase(text, 3);
   EXPECT_STREQ(text, "AZ\x80\xe4z-1");
@@ -155,6 +157,9 @@ TEST(TextHelpers, HexStringAndEnvironment) {
   GetHexString(reinterpret_cast<const unsigned char*>(many.data()), 600, big, sizeof big);
   EXPECT_EQ(strlen(big), 511u);  // the work text stops at 511 characters
 
+  EXPECT_EQ(std::make_tuple(1, 1, 0, 1),  // rest within the message, in 32-bit arithmetic
+            std::make_tuple(Zudnst_Plausibility(0, 5, 5), Zudnst_Plausibility(10, 4, 6),
+                            Zudnst_Plausibility(10, 5, 6), Zudnst_Plausibility(10, 0xFFFFFFFF, 2)));
   setenv("QX_T_HOME", "/home/job", 1);
   unsetenv("QX_T_UNSET");
   EXPECT_EQ(ExpandEnvironmentStringsA("%QX_T_HOME%/log", out, sizeof out), 13);
