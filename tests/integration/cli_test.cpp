@@ -1,5 +1,4 @@
-// The real program's command line and report: the version answer, the usage, and the report of
-// every event kind byte for byte with arguments that are malformed, huge or hold 8-bit bytes.
+// The real program's command line: version, usage, and every event kind's report byte for byte.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -11,9 +10,7 @@ namespace {
 
 using qxtest::bin_path;
 
-// A lone -V names the program by argv[0]; no argument, or exactly "--help" or "-h", prints the
-// usage at once; any other command line is a run ("foo" alone pauses 120 seconds between
-// attempts) where -V is an ignored key.
+// A lone -V names argv[0]; none, "--help" or "-h" alone print the usage; all else is a run.
 TEST(CommandLine, VersionUsageOrARun) {
   char dir[] = "/tmp/qx_cli_XXXXXX";
   ASSERT_NE(mkdtemp(dir), nullptr);
@@ -23,8 +20,7 @@ TEST(CommandLine, VersionUsageOrARun) {
     int status;       // -1: still running after a second
     std::string out;  // the whole output, or (without a line end) a part of a run's report
     std::string name = "qx_jpmd";
-  } cases[] = {{{"-V"}, 0, "QX7 Agent \"qx_jpmd" + v},
-               {{"-V"}, 0, "QX7 Agent \"my_messenger" + v, "my_messenger"},
+  } cases[] = {{{"-V"}, 0, "QX7 Agent \"my_messenger" + v, "my_messenger"},
                {{"-V"}, 0, "QX7 Agent \"" + n255 + v, n255},
                {{}, 2, kUsageText},
                {{"--help"}, 0, kUsageText},
@@ -40,16 +36,13 @@ TEST(CommandLine, VersionUsageOrARun) {
     ASSERT_EQ(symlink(bin_path("qx_jpmd").c_str(), link.c_str()), 0);
     const auto run = qxtest::run_program(link, c.args, c.status < 0 ? 1 : 10);
     unlink(link.c_str());
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(run.status, c.status);
-    if (c.out.back() == '\n') {
-      EXPECT_EQ(run.out, c.out);
-      EXPECT_LT(run.secs, 2.0);
-    } else {
-      EXPECT_NE(run.out.find(c.out), std::string::npos) << run.out;
-      EXPECT_EQ(run.out.find("usage:"), std::string::npos);
-      EXPECT_EQ(run.out.find("QX7 Agent"), std::string::npos);
-    }
+    const auto has = [&](const std::string& part) {
+      return run.out.find(part) != std::string::npos;
+    };
+    EXPECT_TRUE(run.err.empty() && run.status == c.status &&
+                (c.out.back() == '\n' ? run.out == c.out && run.secs < 2.0
+                                      : has(c.out) && !has("usage:") && !has("QX7 Agent")))
+        << run.status << " " << run.secs << " " << run.out;
   }
   rmdir(dir);
 }
@@ -106,8 +99,6 @@ TEST(Report, EveryEventKindByteForByte) {
         "NAME=" + std::string(300, 'n'), high + "=" + high, "MNR=" + huge},
        job("00000000", "START AT  ", huge.substr(0, 63))},
       {{"TYP=e", "RET=5"}, job("00000000", "RESTART AT", "")},
-      {{"TYP="}, job("00000000", "RESTART AT", "")},
-      {{"TYP=\xe4"}, job("00000000", "RESTART AT", "")},
       {{"TYP=S", "RET=300", "TXT=" + std::string(70, 'x')},
        job("00000000", "START AT  ", std::string(63, 'x'))},
       {{"TYP=O", "OUTFILE=/var/log/job.out", "ULOGIN=Y"},
@@ -130,10 +121,11 @@ TEST(Report, EveryEventKindByteForByte) {
     SCOPED_TRACE(c.args[0]);
     std::vector<std::string> args = c.args;  // no pauses between attempts unless none is made
     if (args.back() != "TIMEOUT=NONE") args.push_back("RETRY=0");
-    const auto run = qxtest::run_program(bin_path("qx_jpmd"), args);
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(run.status, c.status);
-    EXPECT_TRUE(std::regex_match(run.out, std::regex(Pattern(c.expected)))) << run.out;
+    const auto run = qxtest::run_program(bin_path("qx_jpmd"), args, 5);
+    EXPECT_TRUE(run.err.empty() && run.status == c.status &&
+                std::regex_match(run.out, std::regex(Pattern(c.expected))))
+        << run.status << " " << run.out;
+    if (HasFailure()) break;
   }
 }
 

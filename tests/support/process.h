@@ -1,5 +1,4 @@
-// Child processes of the tests (chosen standard descriptors, a deadline, output, exit and peak
-// memory collected) and this process's descriptors and memory.
+// Child processes of the tests, and this process's descriptors and memory.
 #ifndef QX_TESTS_SUPPORT_PROCESS_H_
 #define QX_TESTS_SUPPORT_PROCESS_H_
 
@@ -27,11 +26,10 @@ inline long long now_ms() {
   return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
 }
 
-inline std::string bin_path(const char* name) {  // a program built by this project
+inline std::string bin_path(const char* name) {  // a program of this build
   return std::string(QX_BIN_DIR) + "/" + name;
 }
 
-// An unlinked temporary file holding `text`.
 inline int temp_file(const std::string& text = "") {
   char path[] = "/tmp/qx_run_XXXXXX";
   const int fd = mkostemp(path, O_CLOEXEC);
@@ -39,7 +37,6 @@ inline int temp_file(const std::string& text = "") {
   return pwrite(fd, text.data(), text.size(), 0) == ssize_t(text.size()) ? fd : -1;
 }
 
-// The whole content of a file descriptor, read from offset 0.
 inline std::string read_all(int fd) {
   std::string text;
   char buf[65536];
@@ -62,14 +59,13 @@ inline std::map<int, std::string> open_descriptors() {
   return fds;
 }
 
-// Sanitizers keep shadow memory of their own: resident memory says nothing about the program's.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool kSanitizerBuild = true;
 #else
 inline constexpr bool kSanitizerBuild = false;
 #endif
 
-// This process's peak resident memory in KiB since start or reset_peak_memory; -1 when unknown.
+// Peak resident memory in KiB since start or reset_peak_memory; -1 when unknown.
 inline long peak_memory_kb() {
   const int fd = open("/proc/self/status", O_RDONLY | O_CLOEXEC);
   char text[4096] = {};
@@ -80,22 +76,18 @@ inline long peak_memory_kb() {
 }
 inline void reset_peak_memory() {  // an older kernel keeps the peak: the measure is coarser
   const int fd = open("/proc/self/clear_refs", O_WRONLY | O_CLOEXEC);
-  if (fd >= 0 && write(fd, "5", 1) != 1) {
-  }
-  if (fd >= 0) close(fd);
+  if (fd >= 0 && (write(fd, "5", 1) < 0 || true)) close(fd);
 }
 
 struct RunResult {
-  bool exited = false;  // ended by exit (not by a signal, not killed for running too long)
-  int status = -1;      // exit status when `exited`, else -1
-  int signal = 0;       // the signal that ended it, 0 when none
+  bool exited = false;          // ended by exit, not by a signal nor killed for running too long
+  int status = -1, signal = 0;  // exit status when `exited`, else -1; the signal that ended it
   std::string out, err;
   double secs = 0;
   long max_rss_kb = 0;
 };
 
 inline constexpr int kClosedFd = -2;  // in `fds` of spawn: closed in the child
-
 // Starts `args[0]` with `fds` as its standard input, output and error (-1: inherited).
 inline pid_t spawn(std::vector<std::string> args, const std::vector<int>& fds) {
   std::vector<char*> argv;
@@ -123,7 +115,7 @@ inline bool reap(pid_t pid, long long deadline, int* st, long* max_rss_kb = null
   return true;
 }
 
-// Runs `program` with `input` as its standard input; it is killed after `limit_secs`.
+// Runs `program` on `input`, killed after `limit_secs`.
 inline RunResult run_program(const std::string& program, std::vector<std::string> args,
                              int limit_secs = 30, const std::string& input = "") {
   RunResult run;
