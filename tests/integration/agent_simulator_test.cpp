@@ -81,10 +81,9 @@ TEST(AgentSimulator, DropsClientsThatDoNotReadOrSayNothing) {
   const int flood = loopback_socket(&port, false, 4096);
   ASSERT_GE(flood, 0);
   const long long start = now_ms();
-  int sent = 0;
-  while (now_ms() - start < 20000 && write_all(flood, meld_frame(++sent))) {
-  }
-  EXPECT_LT(now_ms() - start, 20000) << sent << " job messages sent";
+  for (int job = 1; now_ms() - start < 10000 && write_all(flood, meld_frame(job));)
+    job++;
+  EXPECT_LT(now_ms() - start, 10000);
   EXPECT_TRUE(prints_line(sim, "event='closed' reason='not reading'"));
   close(flood);
   const int quiet = loopback_socket(&port, false);

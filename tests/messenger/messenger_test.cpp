@@ -55,7 +55,6 @@ TEST(Arguments, KeywordsSetTheirFields) {
       {{"TIMEOUT=-5", "TYP=E", "TYP=e"}, "to=-5 typ=e st=R"},
       {{"WAIT=5", "RETRY=-2"}, "wait=120 retry=-2"},
       {{"VTYPE=Cx", "VALUE=v=1", "OUTFILE=/tmp/o"}, "vtype=C value=v=1 file=/tmp/o"},
-      {{"TXT", "=value", "BOGUS=1", "-V", "txt=ok"}, "txt=ok jnr=0"},
       {{"TXT=" + t70, "IPA=" + big, "OUTFILE=" + big, "NAME=" + n300, "VALUE=" + big},
        "txt=" + t70.substr(0, 63) + " ipa=" + big.substr(0, 63) + " file=" + big.substr(0, 1023) +
            " name=" + n300.substr(0, 200) + " value=" + big.substr(0, 1023) + " fill=0"},
