@@ -125,10 +125,7 @@ inline RunResult run_program(const std::string& program, std::vector<std::string
   const pid_t pid = spawn(args, fds);
   int st = 0;
   const bool killed = !reap(pid, start + limit_secs * 1000LL, &st, &run.max_rss_kb);
-  if (killed) {
-    kill(pid, SIGKILL);
-    waitpid(pid, &st, 0);
-  }
+  if (killed && kill(pid, SIGKILL) == 0) waitpid(pid, &st, 0);
   run.secs = (now_ms() - start) / 1000.0;
   run.exited = WIFEXITED(st) && !killed;
   run.status = run.exited ? WEXITSTATUS(st) : -1;
