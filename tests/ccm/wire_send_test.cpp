@@ -44,15 +44,6 @@ class WireTest : public CcmTest {
     return m;
   }
 
-  // The one frame queued for sending; it is freed.
-  Bytes take_sent() {
-    EXPECT_EQ(ccm_get_sendq_count(ccm_), 1);
-    ccm_msg_t* m = ccm_queue_pop(ccm_->sendq);
-    const Bytes f = m ? text(m) : "";
-    if (m) ccm_msg_free(ccm_, m);
-    return f;
-  }
-
   ccm_channel_t ch_{};
   std::vector<ccm_msg_t*> msgs_;
 };
@@ -100,11 +91,8 @@ TEST_F(WireTest, NativeKeysGiveTypeZeroWithTheirDataAtTheStartOfTheBuffer) {
       {entry1(4, d) + entry1(1, "JPAKTJ_R"), 4, 18}};
   for (const auto& [body, key, len] : cases) {
     ccm_msg_t* m = classified(frame(body));
-    EXPECT_EQ(m->type, CCM_MSG_NATIVE);
-    EXPECT_EQ(m->protocol_key, key);
-    EXPECT_EQ(m->msg_start, m->buffer1);
-    EXPECT_EQ(m->len, len);
-    EXPECT_EQ(text(m).substr(0, 8), d);
+    EXPECT_EQ((std::tuple{m->type, m->protocol_key, m->msg_start, m->len, text(m).substr(0, 8)}),
+              std::tuple(CCM_MSG_NATIVE, key, m->buffer1, len, d));
   }
   EXPECT_STREQ(classified(frame(entry1(1, "  AB    ") + entry1(4, d)))->addr.dst_name, "AB");
 }
@@ -127,9 +115,8 @@ TEST_F(WireTest, IpcFramesAreNotParsed) {
     ccm_msg_t* ipc = classified(frame(c.body, "IPC"), c.taken ? 0 : -1);
     EXPECT_EQ(ch_.msgnr, c.taken ? 0 : 2002036) << c.body;
     if (!c.taken) continue;
-    EXPECT_EQ(ipc->type, CCM_MSG_IPC);
-    EXPECT_EQ(text(ipc), c.body);
-    EXPECT_STREQ(ipc->addr.src_addr, "*ID7");
+    EXPECT_EQ((std::tuple{ipc->type, text(ipc), std::string(ipc->addr.src_addr)}),
+              std::tuple(CCM_MSG_IPC, c.body, "*ID7"));
   }
 }
 
@@ -161,9 +148,8 @@ TEST_F(WireTest, OverlongFieldsAreCutAndBadSourceBlocksEndTheirWalk) {
   ch_.flag = CCM_CHFLAG_CONNECTING;
   ccm_msg_t* m = classified(
       frame(entry1(1, Bytes(200, 'N')) + entry1(3, Bytes(255, 'A')) + "\xFE" + u16(1) + "p"));
-  EXPECT_EQ(Bytes(m->addr.dst_name), Bytes(63, 'N'));
-  EXPECT_EQ(ch_.flag & CCM_CHFLAG_CONNECTING, 0);  // the first frame ends the connecting state
-  EXPECT_EQ(Bytes(m->addr.dst_addr), Bytes(63, 'A'));
+  EXPECT_EQ((std::tuple{Bytes(m->addr.dst_name), Bytes(m->addr.dst_addr), ch_.flag}),
+            std::tuple(Bytes(63, 'N'), Bytes(63, 'A'), 0));  // the first frame ends connecting
   const std::tuple<Bytes, const char*, Bytes> cases[] = {
       {entry1(1, "ME") + entry1(9, "zz") + entry1(3, "ADDR"), "ME", ""},  // unknown sub-key
       {entry1(1, "ME") + "\003\020AB", "ME", ""},  // sub-entry running past the block
@@ -172,9 +158,9 @@ TEST_F(WireTest, OverlongFieldsAreCutAndBadSourceBlocksEndTheirWalk) {
       {entry1(3, "ADDR") + "\x01", "", "ADDR"}};                           // odd trailing byte
   for (const auto& [block, src_name, src_addr] : cases) {
     ccm_msg_t* s = classified(frame("\xFD" + u16(block.size()) + block + "\xFE" + u16(2) + "ok"));
-    EXPECT_STREQ(s->addr.src_name, src_name) << testing::PrintToString(block);
-    EXPECT_EQ(Bytes(s->addr.src_addr), src_addr);
-    EXPECT_EQ(text(s), "ok");
+    EXPECT_EQ((std::tuple{Bytes(s->addr.src_name), Bytes(s->addr.src_addr), text(s)}),
+              std::tuple(src_name, src_addr, "ok"))
+        << testing::PrintToString(block);
   }
 }
 
@@ -195,18 +181,17 @@ TEST_F(WireTest, NativeGssAndIpcFramesGetTheirHeaders) {
     std::memcpy(m->msg_start, c.body.data(), c.body.size());
     m->len = static_cast<int>(c.body.size());
     ASSERT_EQ(c.send(ccm_, m), 0) << c.body;
-    EXPECT_EQ(ccm_->msgq_inuse.tail, msgs_.front());
-    EXPECT_EQ(m->type, c.type) << c.body;
-    EXPECT_EQ(take_sent(), c.frame);
+    EXPECT_EQ((std::tuple{ccm_->msgq_inuse.tail, m->type, ccm_get_sendq_count(ccm_), text(m)}),
+              std::tuple(msgs_.front(), c.type, 1, c.frame));
+    ccm_msg_free(ccm_, ccm_queue_pop(ccm_->sendq));
   }
   ccm_msg_t* m = message("abc", false);  // without head room the message stays with the caller
   m->msg_start = m->buffer1 + 20;
   EXPECT_EQ(send_native_message(ccm_, m), -1);
   EXPECT_EQ(send_NAT_message(ccm_, m), -1);
   EXPECT_EQ(ccm_forward_NAT_message(ccm_, m, 42, "*CP9", &err_, 1), -1);  // no such channel
-  EXPECT_EQ(err_.msgnr, 2003070);
-  EXPECT_EQ(m->msg_start, m->buffer1 + 20);
-  EXPECT_EQ(ccm_get_sendq_count(ccm_), 0);
+  EXPECT_EQ((std::tuple{err_.msgnr, m->msg_start, ccm_get_sendq_count(ccm_)}),
+            std::tuple(2003070, m->buffer1 + 20, 0));
 }
 
 // Counts and pending output walk every channel, skipping deleted (and type -1) ones.
@@ -220,10 +205,9 @@ TEST_F(WireTest, CountsSkipDeletedChannels) {
     channels[i].nxt = i + 1 < std::size(types) ? &channels[i + 1] : nullptr;
   }
   ccm_->channelq = {&channels[0], &channels[std::size(types) - 1]};
-  EXPECT_EQ(ccm_get_nof_server_connections(ccm_), 2);
-  EXPECT_EQ(ccm_get_nof_connections(ccm_), 3);
-  EXPECT_EQ(ccm_get_nof_agent_connections(ccm_), 1);
-  EXPECT_EQ(ccm_get_nof_channels(ccm_), 6);
+  EXPECT_EQ((std::tuple{ccm_get_nof_server_connections(ccm_), ccm_get_nof_connections(ccm_),
+                        ccm_get_nof_agent_connections(ccm_), ccm_get_nof_channels(ccm_)}),
+            std::tuple(2, 3, 1, 6));
   ccm_msg_t* m = message("", false);
   channels[0].sendq.head = channels[2].sendq.head = m;  // deleted, type -1
   EXPECT_EQ(ccm_is_all_sendq_empty(ccm_), 1);

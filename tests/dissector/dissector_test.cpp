@@ -1,5 +1,4 @@
-// tools/wireshark/qx7.lua read through tshark: real runs, crafted and malformed frames in any
-// segmentation, the port and the heuristic, and hostile input that raises no Lua error.
+// tools/wireshark/qx7.lua through tshark: real runs, crafted and malformed frames, hostile input.
 #include <filesystem>
 #include <random>
 
@@ -31,7 +30,7 @@ Bytes part(const Bytes& b, size_t from, size_t to = SIZE_MAX) {
   return Bytes(b.begin() + static_cast<long>(std::min(from, to)), b.begin() + long(to));
 }
 Bytes framed(const char* proto, const Bytes& body) {
-  return frame(std::string(body.begin(), body.end()), proto);
+  return frame({body.begin(), body.end()}, proto);
 }
 
 // How often `value` occurs in field `name` over the packets `rows`.
@@ -52,8 +51,7 @@ std::string json_value(const std::string& line, const std::string& key) {
   return line.substr(at, line.find_first_of(",}", at) - at);
 }
 
-// Every event kind through a relay to the simulator, then to the fake agent: greeting, job
-// message and reply show what the simulator read from the same case.
+// Every event kind relayed to the simulator and a fake agent shows what the simulator read.
 TEST_F(Dissector, EveryEventKindFromRealRuns) {
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"TYP=S", "JNR=4711", "MNR=300", "TXT=new run"}, "job 4711 running rc=0 \"new run\""},
@@ -135,8 +133,7 @@ Bytes ipc_record(const char* type, size_t size,
   return b;
 }
 
-// Crafted frames after a greeting show their Info, fields, exactly their expert information and
-// their count of job 4711's messages; without the heuristic only the preference's port counts.
+// Crafted frames show their Info, fields, exact expert info and job count; the port decides.
 TEST_F(Dissector, CraftedFramesEveryMalformedCaseAndThePort) {
   const Bytes j = nat_frame("JPAKTJ_R", end_body());
   const std::string info = "job 4711 end rc=3 \"nightly backup\"";
@@ -250,8 +247,7 @@ TEST_F(Dissector, CraftedFramesEveryMalformedCaseAndThePort) {
   }
 }
 
-// Every fuzz corpus file and random bytes (some behind a valid header), whole and in random
-// segments, on the dissector's port and another: no Lua error, no dissector fault.
+// Fuzz corpus and random bytes, whole and cut, on two ports: no Lua error, no dissector fault.
 TEST_F(Dissector, HostileInputRaisesNoLuaError) {
   std::vector<Bytes> inputs;
   for (const auto& f :

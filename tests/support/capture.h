@@ -1,5 +1,4 @@
-// Packet captures for the Lua dissector: a relay that keeps what real connections carried, a
-// pcap writer, and tshark's fields of each packet.
+// Packet captures for the Lua dissector: a keeping relay, a pcap writer, tshark's fields.
 #ifndef QX_TESTS_SUPPORT_CAPTURE_H_
 #define QX_TESTS_SUPPORT_CAPTURE_H_
 
@@ -15,9 +14,7 @@ namespace capture_test {
 
 using agent_test::Bytes;
 
-// A fake agent's script that passes its connection through to the agent on `target`, keeping
-// an empty frame, then each read as 'C' (from the client) or 'A' and the bytes read: the
-// letter alone ends that side.
+// A relay to `target` keeping an empty frame, then each read as 'C'/'A' + bytes ('C' alone: EOF).
 inline agent_test::FakeAgent::Script relay_to(int target) {
   return [target](agent_test::FakeAgent& relay, int& c, int) {
     int port = target;
@@ -26,7 +23,6 @@ inline agent_test::FakeAgent::Script relay_to(int target) {
     for (int fd : {c, a})
       setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     relay.keep({});
-    // Each read is kept before it is passed on, so the kept order follows cause and effect.
     auto pass = [&relay](int from, int to, unsigned char side) {
       Bytes seg;
       do {
@@ -43,8 +39,7 @@ inline agent_test::FakeAgent::Script relay_to(int target) {
   };
 }
 
-// A folder in the build tree, tshark's `home` (so the user's plugins and preferences stay out)
-// and the captures' unless QX_KEEP_CAPTURES names another.
+// tshark's home (keeping the user's plugins out), and the captures' unless QX_KEEP_CAPTURES.
 inline std::string capture_dir(bool home = false) {
   const char* keep = home ? nullptr : getenv("QX_KEEP_CAPTURES");
   const std::string dir = keep != nullptr && *keep != 0 ? keep : QX_BIN_DIR "/../qx7_captures";
@@ -52,8 +47,7 @@ inline std::string capture_dir(bool home = false) {
   return dir;
 }
 
-// A pcap file of raw IPv4 packets between 10.0.0.1, port 40000 + the connection's index, and
-// 10.0.0.2, with checksums left 0 (tshark checks none by default).
+// Raw IPv4 packets from 10.0.0.1:40000+index to 10.0.0.2; checksums 0 (tshark checks none).
 class Capture {
  public:
   Capture() {
@@ -91,8 +85,7 @@ class Capture {
     const uint32_t me = from_client ? 0 : 1, size = 40 + uint32_t(data.size());
     for (uint32_t v : {packets_ / 1000, packets_ % 1000 * 1000, size, size})  // time, lengths
       put(file_, v, false);
-    // IPv4: version 4, 20-byte header, length, 64 hops, TCP, the addresses; TCP: the ports,
-    // sequence and acknowledgement numbers, 20-byte header, flags, window; no checksums.
+    // An IPv4 header (64 hops, TCP), then TCP's ports, sequence, ack, flags and window.
     const uint32_t addr = 0x0a000001 + me, port = c[me] << 16 | c[1 - me];
     const uint32_t ack = (flags & kAck) ? c[3 - me] : 0, tcp = (0x5000u | flags) << 16 | 0xffff;
     for (uint32_t w :
@@ -115,11 +108,10 @@ inline qxtest::RunResult run_tshark(std::vector<std::string> args, const std::st
   if (!pcap.empty())
     args.insert(args.begin() + 3,
                 {"-n", "-r", pcap, "-X", "lua_script:" QX_SOURCE_DIR "/tools/wireshark/qx7.lua"});
-  return qxtest::run_program("/usr/bin/env", args, 300);
+  return qxtest::run_program("/usr/bin/env", args, 120);
 }
 
-// The Info column and the fields `names` of each packet the dissector showed, by TCP
-// connection; several occurrences of a field are joined with "|".
+// By TCP connection, the Info column and fields `names` of each qx7 packet (repeats "|"-joined).
 using Fields = std::map<std::string, std::string>;
 inline std::map<int, std::vector<Fields>> tshark_fields(const std::string& pcap,
                                                         std::vector<std::string> names,

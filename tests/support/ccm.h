@@ -92,20 +92,12 @@ std::vector<decltype(Queue{}.head)> members(const Queue& q) {
   return v;
 }
 
-inline bool channel_lock_held(ccm_context_t* ccm) {
-  if (pthread_spin_trylock(&ccm->channel_lock) != 0) return true;
-  pthread_spin_unlock(&ccm->channel_lock);
-  return false;
-}
-
 class CcmTest : public ::testing::Test {
  protected:
   void SetUp() override {
     app_.running_mode = 3;
     ASSERT_EQ(ccm_open(&app_, &ccm_, &err_), 0) << err_.msginsert;
-    if (wakeups_) {
-      ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err_), 0);
-    }
+    ASSERT_EQ(wakeups_ ? ccm_create_wakeup_pipes(ccm_, &err_) : 0, 0);
   }
   void TearDown() override {
     if (ccm_ != nullptr) ccm_session_close(ccm_, &err_);
@@ -116,35 +108,29 @@ class CcmTest : public ::testing::Test {
     while (ccm_channel_t* ch = ccm_queue_pop(ccm_->channel_newq))
       ccm_queue_append(ccm_->channelq, ch);
   }
-  ccm_channel_t* new_channel(int type = CCM_CHTYPE_MESSENGER, bool entered = false) {
+  ccm_channel_t* new_channel(int type = CCM_CHTYPE_MESSENGER, bool entered = true) {
     ccm_channel_t* ch = nullptr;
     EXPECT_EQ(ccm_channel_new_entry(ccm_, &ch, &err_), 0);
     ch->type = type;
     if (entered) ccm_channel_chain(ccm_, ch);
     return ch;
   }
-  ccm_channel_t* entered_channel(int type = CCM_CHTYPE_MESSENGER) {
-    return new_channel(type, true);
-  }
   // An entered channel of a trusted local partner on one end of a socket pair; the other end.
   int paired_channel(ccm_channel_t** ch) {
     int sv[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    *ch = new_channel(CCM_CHTYPE_NONE);
+    *ch = new_channel(CCM_CHTYPE_NONE, false);
     (*ch)->s = sv[0];  // closed with the channel
     EXPECT_EQ(ccm_channel_set_local_partner(ccm_, *ch, &err_), 0);
     ccm_channel_chain(ccm_, *ch);
     return sv[1];
   }
-  std::vector<std::string> drain_recvq() {  // frees recvq's messages; their types
-    std::vector<std::string> types;
-    while (ccm_msg_t* m = ccm_queue_pop(ccm_->recvq)) {
-      types.emplace_back(reinterpret_cast<const char*>(m->msg_start));
-      ccm_msg_free(ccm_, m);
-    }
-    return types;
+  std::vector<std::string> drain_recvq() {  // the texts, in order; freed
+    std::vector<std::string> texts;
+    for (ccm_msg_t* m; (m = ccm_queue_pop(ccm_->recvq)) != nullptr; ccm_msg_free(ccm_, m))
+      texts.push_back(text(m));
+    return texts;
   }
-
   ccm_msg_t* next_message() {  // within 5 seconds, or null
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     ccm_msg_t* m = nullptr;
