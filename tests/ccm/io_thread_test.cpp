@@ -18,9 +18,7 @@ namespace ccm_test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-double seconds_since(Clock::time_point t0) {
-  return std::chrono::duration<double>(Clock::now() - t0).count();
-}
+using namespace std::chrono_literals;
 void put(int fd, const std::string& bytes) {
   ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
 }
@@ -35,7 +33,6 @@ int record_log(int msgnr, const char* insert) {
 
 class IoTest : public CcmTest {
  protected:
-  IoTest() { wakeups_ = true; }
   void SetUp() override {
     CcmTest::SetUp();
     peer_ = paired_channel(&ch_);
@@ -198,7 +195,7 @@ TEST_F(IoTest, FloodOfSmallFramesIsHeldAtTheUnreadBound) {
     bytes += std::max<ssize_t>(n, 0);
     return n > 0;
   };
-  for (auto progress = Clock::now(); seconds_since(progress) < 1.0;) {
+  for (auto progress = Clock::now(); Clock::now() - progress < 1s;) {
     if (put_more(stream.size())) progress = Clock::now();
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     ASSERT_LT(bytes, 100LL << 20) << "the channel was never held";
@@ -214,7 +211,7 @@ TEST_F(IoTest, FloodOfSmallFramesIsHeldAtTheUnreadBound) {
   std::strcpy(reinterpret_cast<char*>(notice->msg_start), "NOTICE");
   notice->len = 16;
   send_IPC_internal(ccm_, notice);
-  EXPECT_LT(seconds_since(t0), 1.0);
+  EXPECT_LT(Clock::now() - t0, 1s);
   long long received = 0;
   while (ccm_msg_t* m = next_message()) {
     received += m->addr.src_ID == ch_->ID ? 1 : 0;
@@ -237,12 +234,12 @@ TEST_F(IoTest, PersistentSelectFailureEndsTheThreadWithItsErrorLogged) {
   __log_set_logger(nullptr);
   ASSERT_TRUE(ended);
   EXPECT_EQ(__atomic_load_n(&ccm_->loop, __ATOMIC_ACQUIRE), 1);  // nobody asked it to stop
-  const auto count = [](auto is) { return std::count_if(logged.begin(), logged.end(), is); };
-  EXPECT_EQ(count([](auto& e) {
-              return e.first == CCM_MSGNR_SYSCALL && e.second.starts_with("select(");
-            }),
-            CCM_SELECT_FAILURES_MAX);
-  EXPECT_EQ(count([](auto& e) { return e.first == CCM_MSGNR_THREAD; }), 1);
+  int select_errors = 0, ends = 0;
+  for (const auto& [msgnr, insert] : logged) {
+    select_errors += msgnr == CCM_MSGNR_SYSCALL && insert.starts_with("select(");
+    ends += msgnr == CCM_MSGNR_THREAD;
+  }
+  EXPECT_EQ(std::tuple(select_errors, ends), std::tuple(CCM_SELECT_FAILURES_MAX, 1));
   bogus->s = -1;
 }
 
@@ -323,9 +320,9 @@ TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
   ASSERT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), 0);
   const int port = channel_port(ccm_, 0), lowest = dup(0);
   close(lowest);
-  EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", port, 5, &err_), -1);
-  EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 65536, 5, &err_), -1);
-  EXPECT_EQ(ccm_create_listen(ccm_, "no-such-host.invalid", 0, 5, &err_), -1);
+  for (auto [host, at] :
+       {std::pair{"127.0.0.1", port}, {"127.0.0.1", 65536}, {"no-such-host.invalid", 0}})
+    EXPECT_EQ(ccm_create_listen(ccm_, host, at, 5, &err_), -1) << host << at;
   FailAllocations fail("CREATE_CHANNEL");
   EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), -1);
   EXPECT_EQ(dup(0), lowest);
@@ -359,7 +356,7 @@ TEST_F(ListenTest, ClosingAChannelStuckOnAZeroWindowNeverWaits) {
   const auto t0 = Clock::now();
   ccm_thread_stop(ccm_);
   EXPECT_TRUE(joined());
-  EXPECT_LT(seconds_since(t0), 5.0);
+  EXPECT_LT(Clock::now() - t0, 5s);
   for (int c : clients)
     close(c);
 }
@@ -406,22 +403,21 @@ std::string exchange_in_own_context(int mode, bool gss, int rounds) {
   app.running_mode = mode;
   ccm_context_t* ccm = nullptr;
   ccm_error_t err{};
-  ccm_channel_t *a = nullptr, *b = nullptr;
+  ccm_channel_t* ch[2] = {};
   if (ccm_session_open(&app, &ccm, &err) != 0) return err.msginsert;
   if (gss) ccm_set_gss_classifier(ccm, [](ccm_context_t*, ccm_msg_t*) { return 1; });
-  std::string fault = ccm_channel_create_pair(ccm, &a, &b, &err) == 0 ? "" : "no pair";
-  const int ids[2] = {a ? a->ID : 0, b ? b->ID : 0};
+  std::string fault = ccm_channel_create_pair(ccm, &ch[0], &ch[1], &err) == 0 ? "" : "no pair";
   for (int r = 0; r < rounds && fault.empty(); r++) {
     std::string word = "mode " + std::to_string(mode) + " round " + std::to_string(r);
     ccm_msg_t* g = ccm_msg_alloc(ccm, &err);
     ccm_msg_write_native_data(g, 4, word.data(), static_cast<int>(word.size()));
-    ccm_setaddr(g, ids[r % 2], 0, "", "", 0);
+    ccm_setaddr(g, ch[r % 2]->ID, 0, "", "", 0);
     send_native_message(ccm, g);
     ccm_msg_t* got = nullptr;
     for (int i = 0; i < 50 && got == nullptr; i++)
       ccm_receive_message_ms(ccm, 100, &got, &err);
     if (got == nullptr || got->type != (gss ? CCM_MSG_GSS : CCM_MSG_NATIVE) ||
-        got->addr.src_ID != ids[1 - r % 2] || (!gss && text(got) != word))
+        got->addr.src_ID != ch[1 - r % 2]->ID || (!gss && text(got) != word))
       fault = "round " + std::to_string(r) + " lost or mixed up";
     if (got != nullptr) ccm_msg_free(ccm, got);
   }

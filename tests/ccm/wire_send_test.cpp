@@ -213,11 +213,7 @@ TEST_F(WireTest, CountsSkipDeletedChannels) {
   EXPECT_EQ(ccm_is_all_sendq_empty(ccm_), 1);
   channels[5].sendq.head = m;
   EXPECT_EQ(ccm_is_all_sendq_empty(ccm_), 0);
-  for (ccm_channel_t& ch : channels) {
-    ch.sendq.head = nullptr;
-    pthread_spin_destroy(&ch.queue_lock);
-  }
-  ccm_->channelq = {nullptr, nullptr};
+  ccm_->channelq = {nullptr, nullptr};  // the channels go with the stack
 }
 
 }  // namespace

@@ -73,8 +73,7 @@ struct Resolver {
     }
     fake_answers = &nodes_[0];
     ccm_resolver = {[](const char*, const char*, const addrinfo*, addrinfo** out) {
-                      *out = fake_answers;
-                      return 0;
+                      return *out = fake_answers, 0;
                     },
                     [](addrinfo*) {}};
   }
@@ -97,7 +96,7 @@ class CcmTest : public ::testing::Test {
   void SetUp() override {
     app_.running_mode = 3;
     ASSERT_EQ(ccm_open(&app_, &ccm_, &err_), 0) << err_.msginsert;
-    ASSERT_EQ(wakeups_ ? ccm_create_wakeup_pipes(ccm_, &err_) : 0, 0);
+    ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err_), 0);
   }
   void TearDown() override {
     if (ccm_ != nullptr) ccm_session_close(ccm_, &err_);
@@ -139,7 +138,6 @@ class CcmTest : public ::testing::Test {
     return m;
   }
 
-  bool wakeups_ = false;  // set in a constructor to create the wake-up pipes
   ccm_app_context_head app_{};
   ccm_context_t* ccm_ = nullptr;
   ccm_error_t err_{};
