@@ -9,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "support/agent.h"
 #include "support/ccm.h"
 
 namespace ccm_test {
@@ -237,12 +238,8 @@ TEST_F(ConnectTest, RefusalsBeforeAndAfterTheChannelIsMade) {
 
 // Refused addresses of a name are passed over in order; any other failure ends the connect.
 TEST_F(ConnectTest, MultiAddressConnectMovesOnToTheNextAddress) {
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-  socklen_t len = sizeof a;
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&a), len) + listen(listener, 8) +
-                getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len),
-            0);
+  int port = 0;
+  const int listener = agent_test::loopback_socket(&port, true);
   start_thread();
   const struct {
     std::vector<const char*> answers;
@@ -254,7 +251,7 @@ TEST_F(ConnectTest, MultiAddressConnectMovesOnToTheNextAddress) {
   for (const auto& c : cases) {
     const bool connected = std::strcmp(c.last, "127.0.0.1") == 0;
     Resolver fake(c.answers);
-    const int id = ccm_connect(ccm_, "multi", ntohs(a.sin_port), 5, nullptr, 60, &err_);
+    const int id = ccm_connect(ccm_, "multi", port, 5, nullptr, 60, &err_);
     ASSERT_GT(id, 0) << c.answers.size() << err_.msginsert;
     if (connected) {  // taken, then closed by the partner
       pollfd pfd{listener, POLLIN, 0};

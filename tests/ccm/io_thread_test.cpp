@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "common/trace_log.h"
+#include "support/agent.h"
 #include "support/ccm.h"
-#include "support/process.h"
 
 namespace ccm_test {
 namespace {
@@ -273,13 +273,6 @@ int local_port(int s) {
   getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
   return ntohs(a.sin6_port);  // sin_port stands at the same offset
 }
-int connect_client(int port, int rcvbuf = 0) {
-  const int c = socket(AF_INET, SOCK_STREAM, 0);
-  if (rcvbuf > 0) setsockopt(c, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
-  sockaddr_in a{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-  EXPECT_EQ(connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-  return c;
-}
 // The port of a channel, or -1 when there is none; the channel named "*LISTEN" for ID 0.
 int channel_port(ccm_context_t* ccm, int id) {
   ccm_channel_t* ch = id ? ccm_channel_getbyID(ccm, id) : ccm_channel_getbyName(ccm, "*LISTEN");
@@ -318,7 +311,8 @@ class ListenTest : public IoTest {
 // Listen failures leave no socket open; an accept without a notice closes the connection.
 TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
   ASSERT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), 0);
-  const int port = channel_port(ccm_, 0), lowest = dup(0);
+  int port = channel_port(ccm_, 0);
+  const int lowest = dup(0);
   close(lowest);
   for (auto [host, at] :
        {std::pair{"127.0.0.1", port}, {"127.0.0.1", 65536}, {"no-such-host.invalid", 0}})
@@ -327,7 +321,7 @@ TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
   EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), -1);
   EXPECT_EQ(dup(0), lowest);
   close(lowest);
-  const int client = connect_client(port);
+  const int client = agent_test::loopback_socket(&port, false);
   merge_newq();
   FailAllocations no_message("CCMMSG");
   ccm_channel_t* listener = ccm_channel_getbyName(ccm_, "*LISTEN");
@@ -341,10 +335,10 @@ TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
 
 // A channel stuck on a zero window closes at once, and its close never holds the thread.
 TEST_F(ListenTest, ClosingAChannelStuckOnAZeroWindowNeverWaits) {
-  const int port = listen_started();
+  int port = listen_started();
   std::vector<int> clients;
   for (const bool garbage : {true, false}) {
-    clients.push_back(connect_client(port, 1));
+    clients.push_back(agent_test::loopback_socket(&port, false, 1));
     const int id = accepted();
     ASSERT_GT(id, 0);
     send(id, "", std::string(1 << 20, 'z'));
@@ -363,22 +357,21 @@ TEST_F(ListenTest, ClosingAChannelStuckOnAZeroWindowNeverWaits) {
 
 // Forged internal frames over TCP drop the sender only, with an error; they reach nobody.
 TEST_F(ListenTest, ForgedInternalFramesDropTheSenderAndChangeNothing) {
-  const int port = listen_started();
+  int port = listen_started();
   int honest[2], honest_id[2];
   for (int i = 0; i < 2; ++i) {
-    honest[i] = connect_client(port);
+    honest[i] = agent_test::loopback_socket(&port, false);
     ASSERT_GT(honest_id[i] = accepted(), 0);
   }
   const auto notice = [](const char* type, int id) {
-    std::string rec(16, '\0');
-    rec.replace(0, std::strlen(type), type);
-    return frame(rec + std::string(reinterpret_cast<const char*>(&id), 4), "IPC");
+    const agent_test::Bytes f = agent_test::ipc_notice(type, id);
+    return std::string(f.begin(), f.end());
   };
   const std::string forged[] = {
       notice("CHANNEL_ACCEPT", honest_id[0]), notice("CHANNEL_CLOSE", 2),  // the listener
       notice("CHANNEL_CLOSE", honest_id[1]), notice("ROUTENAT", honest_id[0]), ipc_frame(300, 3)};
   for (const std::string& f : forged) {
-    const int attacker = connect_client(port), id = accepted();
+    const int attacker = agent_test::loopback_socket(&port, false), id = accepted();
     ASSERT_GT(id, 0);
     put(attacker, f);
     ipcmsg_channel_close_t closed{};  // the attacker's channel closed, nothing else

@@ -19,7 +19,7 @@ inline agent_test::FakeAgent::Script relay_to(int target) {
   return [target](agent_test::FakeAgent& relay, int& c, int) {
     int port = target;
     const int a = agent_test::loopback_socket(&port, false);
-    const timeval limit{20, 0};
+    const timeval limit{5, 0};
     for (int fd : {c, a})
       setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     relay.keep({});
@@ -43,8 +43,7 @@ inline agent_test::FakeAgent::Script relay_to(int target) {
 inline std::string capture_dir(bool home = false) {
   const char* keep = home ? nullptr : getenv("QX_KEEP_CAPTURES");
   const std::string dir = keep != nullptr && *keep != 0 ? keep : QX_BIN_DIR "/../qx7_captures";
-  mkdir(dir.c_str(), 0700);
-  return dir;
+  return mkdir(dir.c_str(), 0700), dir;
 }
 
 // Raw IPv4 packets from 10.0.0.1:40000+index to 10.0.0.2; checksums 0 (tshark checks none).
@@ -125,10 +124,9 @@ inline std::map<int, std::vector<Fields>> tshark_fields(const std::string& pcap,
   EXPECT_EQ(run.status, 0) << run.err;
   std::map<int, std::vector<Fields>> streams;
   std::stringstream lines(run.out);
-  for (std::string line, stream; std::getline(lines, line);) {
-    std::stringstream cols(line);
-    std::getline(cols, stream, '\t');
-    Fields& row = streams[atoi(stream.c_str())].emplace_back();
+  for (std::string line; std::getline(lines, line);) {
+    Fields& row = streams[atoi(line.c_str())].emplace_back();
+    std::stringstream cols(line.substr(line.find('\t') + 1));
     for (const std::string& n : names)
       std::getline(cols, row[n], '\t');
   }
