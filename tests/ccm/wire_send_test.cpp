@@ -60,16 +60,12 @@ TEST(FrameLength, OnlyEightDigitsWithinBoundsAreAccepted) {
 
 TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
   ccm_msg_t* m = message("", false);
-  char hello[] = "hello";
+  char hello[] = "hello", big[256] = {};
+  ccm_msg_write_native_data(m, 7, hello, 5);  // other keys and over-long data write nothing
+  ccm_msg_write_native_data(m, 4, big, 256);
   EXPECT_EQ(ccm_msg_write_native_data(m, 4, hello, 5), nullptr);
   EXPECT_EQ(text(m), "\x04\x05hello");
-  m->len = 0;  // other keys and over-long data write nothing
-  ccm_msg_write_native_data(m, 7, hello, 5);
-  std::vector<char> big(256, 'x');
-  ccm_msg_write_native_data(m, 4, big.data(), 256);
-  EXPECT_EQ(m->len, 0);
-  const std::pair<int, int> lengths[] = {{-1, -1}, {100000000, -1}, {99999999, 0}};
-  for (auto [len, rslt] : lengths) {  // the length must fit eight digits
+  for (auto [len, rslt] : {std::pair{-1, -1}, {100000000, -1}, {99999999, 0}}) {  // 8 digits
     m->len = len;
     EXPECT_EQ(ccm_msg_set_protocol_header(m, "IPC"), rslt) << len;
   }
@@ -97,48 +93,41 @@ TEST_F(WireTest, NativeKeysGiveTypeZeroWithTheirDataAtTheStartOfTheBuffer) {
   EXPECT_STREQ(classified(frame(entry1(1, "  AB    ") + entry1(4, d)))->addr.dst_name, "AB");
 }
 
-// IPC frames come unparsed from trusted partners only, never as the process's own notices.
-TEST_F(WireTest, IpcFramesAreNotParsed) {
+// Hostile bodies are refused without reading past the frame; IPC frames are taken unparsed from
+// trusted partners only, and never as the process's own notices.
+TEST_F(WireTest, HostileAndInternalFramesAreRefusedUnlessTrusted) {
   const struct {
-    Bytes body;
-    bool trusted, taken;
-  } cases[] = {{"ROUTENAT\0\0\0\0\0\0\0\0rest"s, true, true},
-               {"ROUTENAT\0\0\0\0\0\0\0\0rest"s, false, false},
-               {"CHANNEL_CLOSE\0\0\0rest"s, false, false},
-               {"CHANNEL_CLOSE\0\0\0rest"s, true, false},
-               {"CHANNEL_ACCEPT\0\0\1\0\0\0"s, true, false},
-               {"CHANNEL_ACCEPT"s, true, false},  // a type field cut short claims it too
-               {"CHANNEL_CLOSED\0\0"s, true, true}};
+    Bytes frame;
+    bool trusted = false, taken = false;
+  } cases[] = {{frame("ROUTENAT\0\0\0\0\0\0\0\0rest"s, "IPC"), true, true},
+               {frame("ROUTENAT\0\0\0\0\0\0\0\0rest"s, "IPC")},
+               {frame("CHANNEL_CLOSE\0\0\0rest"s, "IPC")},
+               {frame("CHANNEL_CLOSE\0\0\0rest"s, "IPC"), true},
+               {frame("CHANNEL_ACCEPT\0\0\1\0\0\0"s, "IPC"), true},
+               {frame("CHANNEL_ACCEPT"s, "IPC"), true},  // a type field cut short claims it too
+               {frame("CHANNEL_CLOSED\0\0"s, "IPC"), true, true},
+               {frame("\x05\x01x")},    // unknown key
+               {frame("\x01")},         // length byte missing
+               {frame("\001\010ABC")},  // name runs past the frame
+               {frame("\002\003abc")},  // value that is not 4 bytes
+               {frame("\002\005abcde")},
+               {frame("\xFE\x01")},                   // 16-bit length cut
+               {frame("\xFE" + u16(100) + "short")},  // payload runs past the frame
+               {frame("\xFF" + u32(0xFFFFFFFF) + "x")},
+               {frame("\xFF" + u32(3))},
+               {frame("A00x0003abc")},                       // decimal length with a non-digit
+               {frame("D0000009abc")},                       // decimal payload runs past the frame
+               {frame("A000")},                              // decimal length cut
+               {frame("\xFD" + u16(40) + entry1(1, "ME"))},  // source block runs past the frame
+               {frame(entry1(4, "ok") + "\0"s)}};            // trailing unknown key
   for (const auto& c : cases) {
     ch_.flag = c.trusted ? CCM_CHFLAG_LOCAL_PARTNER : 0;
     ch_.msgnr = 0;
-    ccm_msg_t* ipc = classified(frame(c.body, "IPC"), c.taken ? 0 : -1);
-    EXPECT_EQ(ch_.msgnr, c.taken ? 0 : 2002036) << c.body;
+    ccm_msg_t* m = classified(c.frame, c.taken ? 0 : -1);
+    EXPECT_EQ(ch_.msgnr, c.taken ? 0 : 2002036) << testing::PrintToString(c.frame);
     if (!c.taken) continue;
-    EXPECT_EQ((std::tuple{ipc->type, text(ipc), std::string(ipc->addr.src_addr)}),
-              std::tuple(CCM_MSG_IPC, c.body, "*ID7"));
-  }
-}
-
-TEST_F(WireTest, HostileBodiesAreRejectedWithoutReadingPastTheFrame) {
-  const Bytes cases[] = {"\x05\x01x",    // unknown key
-                         "\x01",         // length byte missing
-                         "\001\010ABC",  // name runs past the frame
-                         "\002\003abc",  // value that is not 4 bytes
-                         "\002\005abcde",
-                         "\xFE\x01",                   // 16-bit length cut
-                         "\xFE" + u16(100) + "short",  // payload runs past the frame
-                         "\xFF" + u32(0xFFFFFFFF) + "x",
-                         "\xFF" + u32(3),
-                         "A00x0003abc",                       // decimal length with a non-digit
-                         "D0000009abc",                       // decimal payload runs past the frame
-                         "A000",                              // decimal length cut
-                         "\xFD" + u16(40) + entry1(1, "ME"),  // source block runs past the frame
-                         entry1(4, "ok") + "\0"s};            // trailing unknown key
-  for (const Bytes& body : cases) {
-    ch_.msgnr = 0;
-    classified(frame(body), -1);
-    EXPECT_EQ(ch_.msgnr, 2002036);
+    EXPECT_EQ((std::tuple{m->type, text(m), std::string(m->addr.src_addr)}),
+              std::tuple(CCM_MSG_IPC, c.frame.substr(48), "*ID7"));
   }
   classified("00000020QX7:global001NAT", -1);  // shorter than its own header
 }
