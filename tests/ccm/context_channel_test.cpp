@@ -45,10 +45,7 @@ TEST_F(MessageTest, PoolKeepsAtMost64AndNeverHugeMessages) {
 // A failed allocation fills the error and changes no context, message ID or queue.
 TEST_F(MessageTest, FailedAllocationsChangeNothing) {
   ccm_context_t* other = nullptr;
-  {
-    FailAllocations fail("CCM_OPEN");
-    EXPECT_EQ(ccm_open(nullptr, &other, &err_), -1);
-  }
+  EXPECT_EQ((FailAllocations("CCM_OPEN"), ccm_open(nullptr, &other, &err_)), -1);
   EXPECT_EQ((std::tuple{other, err_.msgnr}), std::tuple(nullptr, 3301));
   EXPECT_EQ(ccm_close(nullptr, &err_), 0);
   ccm_msg_free(ccm_, ccm_msg_alloc(ccm_, &err_));
@@ -165,10 +162,7 @@ TEST_F(ChannelTest, DestroyDeletedKeepsSurvivorsInOrderAndSendsNotices) {
   ccm_msg_t* queued = ccm_msg_alloc_huge(ccm_, 512, &err_);
   ccm_queue_unlink(ccm_->msgq_inuse, queued);
   ccm_queue_append(ch->sendq, queued);
-  {
-    FailAllocations fail("CCMMSG");  // the pool is still empty
-    ccm_channel_destroy(ccm_, ch, &err_);
-  }
+  FailAllocations("CCMMSG"), ccm_channel_destroy(ccm_, ch, &err_);  // the pool is still empty
   EXPECT_EQ(ccm_->recvq.head, nullptr);
   EXPECT_EQ(close(fd), -1);
   std::vector<ccm_channel_t*> chs;
