@@ -17,7 +17,7 @@ namespace {
 using namespace std::string_literals;
 
 using MessageTest = CcmTest;
-
+using ChannelTest = CcmTest;
 // IDs run on; the pool keeps at most 64 and no huge one; ccm_close frees every queue (ASan).
 TEST_F(MessageTest, PoolKeepsAtMost64AndNeverHugeMessages) {
   std::vector<ccm_msg_t*> msgs;
@@ -120,8 +120,6 @@ TEST(Address, LiteralsBracketsAndBadNames) {
   }
 }
 
-using ChannelTest = CcmTest;
-
 // Where each search looks, and that it holds channel_lock exactly when it finds a channel.
 TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
   ccm_channel_t* deleted = new_channel();  // passed over before the others
@@ -163,8 +161,7 @@ TEST_F(ChannelTest, DestroyDeletedKeepsSurvivorsInOrderAndSendsNotices) {
   ccm_queue_unlink(ccm_->msgq_inuse, queued);
   ccm_queue_append(ch->sendq, queued);
   FailAllocations("CCMMSG"), ccm_channel_destroy(ccm_, ch, &err_);  // the pool is still empty
-  EXPECT_EQ(ccm_->recvq.head, nullptr);
-  EXPECT_EQ(close(fd), -1);
+  EXPECT_EQ((std::tuple{ccm_->recvq.head, close(fd)}), std::tuple(nullptr, -1));
   std::vector<ccm_channel_t*> chs;
   for (int type : {5, 5, 5, 255, 5, 0})
     chs.push_back(new_channel(type));
@@ -252,12 +249,8 @@ TEST_F(ConnectTest, MultiAddressConnectMovesOnToTheNextAddress) {
       ASSERT_EQ(poll(&pfd, 1, 5000), 1);
       close(accept(listener, nullptr, nullptr));
     }
-    ccm_msg_t* m = next_message();
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(ccm_close_notice_channelID(m), id);
-    ipcmsg_channel_close_t notice;
-    std::memcpy(&notice, m->msg_start, sizeof notice);
-    ccm_msg_free(ccm_, m);
+    ipcmsg_channel_close_t notice{};
+    ASSERT_EQ(closed_channel(&notice), id);
     EXPECT_EQ((std::tuple{std::string(notice.ccmch.addr), notice.ccmch.msgnr != 0}),
               std::tuple(c.last, !connected))
         << notice.ccmch.msginsert;

@@ -279,14 +279,6 @@ class ListenTest : public IoTest {
     ccm_wakeup_network(ccm_);
     return listener_port(ccm_);
   }
-  int closed_channel(ipcmsg_channel_close_t* notice = nullptr) {  // of the next message, or -1
-    ccm_msg_t* m = next_message();
-    if (m == nullptr) return -1;
-    if (notice != nullptr) std::memcpy(static_cast<void*>(notice), m->msg_start, sizeof *notice);
-    const int id = ccm_close_notice_channelID(m);
-    ccm_msg_free(ccm_, m);
-    return id;
-  }
   int accepted() {  // the channel ID of the next accept notice, or -1
     ccm_msg_t* m = next_message();
     int id = -1;

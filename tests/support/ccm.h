@@ -137,6 +137,14 @@ class CcmTest : public ::testing::Test {
       EXPECT_GE(ccm_receive_message(ccm_, 1, &m, &err_), 0);
     return m;
   }
+  int closed_channel(ipcmsg_channel_close_t* notice = nullptr) {  // of the next message, or -1
+    ccm_msg_t* m = next_message();
+    if (m == nullptr) return -1;
+    if (notice != nullptr) std::memcpy(static_cast<void*>(notice), m->msg_start, sizeof *notice);
+    const int id = ccm_close_notice_channelID(m);
+    ccm_msg_free(ccm_, m);
+    return id;
+  }
 
   ccm_app_context_head app_{};
   ccm_context_t* ccm_ = nullptr;
