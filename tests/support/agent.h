@@ -1,6 +1,5 @@
-// Agents written with plain sockets (frames, a scripted fake agent, the agent simulator) and
-// the expected job message bodies. Nothing here uses the connection manager, so a framing
-// fault cannot hide itself.
+// Agents on plain sockets (frames, a scripted fake agent, the agent simulator) and job message
+// bodies; nothing here uses the connection manager, so a framing fault cannot hide itself.
 #ifndef QX_TESTS_SUPPORT_AGENT_H_
 #define QX_TESTS_SUPPORT_AGENT_H_
 
@@ -48,7 +47,7 @@ inline Bytes nat_frame(const std::string& dst, const Bytes& payload) {
                std::string(payload.begin(), payload.end()));
 }
 
-// An internal frame: the 16-byte type (NUL-padded) and a 4-byte channel ID.
+// An internal frame: the 16-byte type (NUL-padded), a 4-byte channel ID.
 inline Bytes ipc_notice(const char* type, int id) {
   std::string rec(16, '\0');
   rec.replace(0, strlen(type), type);
@@ -91,7 +90,7 @@ inline bool read_frame(int fd, Bytes* out, int timeout_ms = 5000) {
   return true;
 }
 
-// Waits for the partner's close (false: none within `timeout_ms`), keeping what came.
+// Waits for the peer's close (false: none within `timeout_ms`), keeping what came.
 inline bool wait_eof(int fd, int timeout_ms, Bytes* rest = nullptr) {
   const long long deadline = now_ms() + timeout_ms;
   unsigned char buf[4096];
@@ -100,12 +99,6 @@ inline bool wait_eof(int fd, int timeout_ms, Bytes* rest = nullptr) {
     if (rest != nullptr) rest->insert(rest->end(), buf, buf + r);
   }
   return true;
-}
-
-inline void reset_close(int fd) {
-  linger lg{1, 0};
-  setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
-  close(fd);
 }
 
 // A loopback socket listening on `*port` (0: any, stored back) or connected to it, with a
@@ -133,13 +126,11 @@ inline int refused_port() {
   return port;
 }
 
-// Runs `script` for each connection to its loopback port in turn, on its own thread. The
-// script may keep frames; the connection is closed after it unless it set `fd` to -1.
+// Runs `script` on its own thread for each connection in turn (receive buffer `rcvbuf` unless
+// 0); the script may keep frames, and its `fd` is closed after it unless set to -1.
 class FakeAgent {
  public:
   using Script = std::function<void(FakeAgent& agent, int& fd, int index)>;
-
-  // A `rcvbuf` other than 0 sets the receive buffer of every connection it accepts.
   explicit FakeAgent(Script script, int port = 0, int rcvbuf = 0)
       : script_(std::move(script)), port_(port) {
     listen_fd_ = loopback_socket(&port_, true, rcvbuf);
@@ -155,7 +146,7 @@ class FakeAgent {
   }
   int port() const { return port_; }
   int connections() const { return accepted_.load(); }
-  // The frames kept, once the scripts of all accepted connections returned (at most 5 s).
+  // The frames kept, once every accepted connection's script returned (at most 5 s).
   std::vector<Bytes> frames() {
     std::unique_lock<std::mutex> lock(mu_);
     done_.wait_for(lock, std::chrono::seconds(5), [this] { return served_ == accepted_.load(); });
@@ -173,22 +164,19 @@ class FakeAgent {
       if (fd < 0) continue;
       script_(*this, fd, accepted_++);
       if (fd >= 0) close(fd);
-      {
-        std::lock_guard<std::mutex> lock(mu_);
-        served_++;
-      }
+      std::lock_guard<std::mutex> lock(mu_);
+      served_++;
       done_.notify_all();
     }
   }
 
   Script script_;
   int port_;
-  int listen_fd_ = -1;
+  int listen_fd_ = -1, served_ = 0;  // served_: scripts returned, guarded by mu_
   std::atomic<bool> stopping_{false};
   std::atomic<int> accepted_{0};
   std::mutex mu_;
   std::condition_variable done_;
-  int served_ = 0;  // connections whose script has returned; guarded by mu_
   std::vector<Bytes> frames_;
   std::thread thread_;
 };
@@ -203,8 +191,8 @@ inline void good_agent(FakeAgent& agent, int& fd, int) {
   wait_eof(fd, 5000);
 }
 
-// The messenger against a loopback port.
-inline RunResult run_messenger(int port, std::vector<std::string> args, int limit_secs = 30) {
+// The messenger against a loopback port; a run normally ends within seconds.
+inline RunResult run_messenger(int port, std::vector<std::string> args, int limit_secs = 20) {
   args.insert(args.begin(), {"IPA=127.0.0.1", "PNR=" + std::to_string(port)});
   return run_program(bin_path("qx_jpmd"), args, limit_secs);
 }
@@ -236,8 +224,6 @@ class Simulator {
     if (out_ >= 0) close(out_);
   }
   Simulator(const Simulator&) = delete;
-  Simulator& operator=(const Simulator&) = delete;
-
   int port() const { return port_; }
   pid_t pid() const { return pid_; }
   // Its exit status once it ended (after a SIGTERM with `term`) within `timeout_ms`, or -1.
@@ -280,12 +266,6 @@ inline void put_le(Bytes& b, size_t off, unsigned v, int n = 4) {
   for (int i = 0; i < n; i++)
     b[off + i] = static_cast<unsigned char>(v >> (8 * i));
 }
-inline unsigned get_le(const Bytes& b, size_t off, int n = 4) {
-  unsigned v = 0;
-  for (int i = n - 1; i >= 0; i--)
-    v = v << 8 | b[off + i];
-  return v;
-}
 inline void put_text(Bytes& b, size_t off, const std::string& s) {
   std::memcpy(b.data() + off, s.data(), s.size());
 }
@@ -302,19 +282,6 @@ inline Bytes meld_body(size_t size, int client, int job, char status, size_t ver
   put_le(b, ver + 35, 2, 2);
   put_text(b, ver + 39, "  ");
   return b;
-}
-
-// Copies the seconds at `off_t` of `got` and the UTC time stamp at `off` they make into `want`;
-// false unless they lie within a few seconds before now.
-inline bool adopt_time(const Bytes& got, Bytes& want, size_t off, size_t off_t) {
-  const time_t sent = static_cast<time_t>(get_le(got, off_t));
-  tm u;
-  gmtime_r(&sent, &u);
-  const int fields[6] = {u.tm_year + 1900, u.tm_mon + 1, u.tm_mday, u.tm_hour, u.tm_min, u.tm_sec};
-  for (int i = 0; i < 6; i++)
-    put_le(want, off + 2 * i, static_cast<unsigned>(fields[i]), 2);
-  put_le(want, off_t, static_cast<unsigned>(sent));
-  return time(nullptr) - sent >= 0 && time(nullptr) - sent <= 5;
 }
 
 }  // namespace agent_test
