@@ -22,10 +22,7 @@
 namespace agent_test {
 
 using Bytes = std::vector<unsigned char>;
-using qxtest::bin_path;
-using qxtest::now_ms;
-using qxtest::run_program;
-using qxtest::RunResult;
+using qxtest::bin_path, qxtest::now_ms, qxtest::run_program, qxtest::RunResult;
 
 // A frame: the 48-byte header, then `body`.
 inline Bytes frame(const std::string& body, const char* protocol = "NAT") {
@@ -217,10 +214,7 @@ class Simulator {
     if (port_ <= 0) ADD_FAILURE() << "qx_agentsim did not name its port";
   }
   ~Simulator() {
-    if (stop() < 0 && pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    if (stop() < 0 && pid_ > 0) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
     if (out_ >= 0) close(out_);
   }
   Simulator(const Simulator&) = delete;
@@ -250,13 +244,11 @@ class Simulator {
   }
 
  private:
-  int out_;
+  int out_, port_ = 0, status_ = -1;
   pid_t pid_ = 0;
-  int port_ = 0;
-  int status_ = -1;
 };
 
-// The number after "\"key\":" in a JSON line, or -1.
+// The number after "key": in a JSON line, or -1.
 inline long long json_number(const std::string& line, const std::string& key) {
   const size_t at = line.find("\"" + key + "\":");
   return at == std::string::npos ? -1 : atoll(line.c_str() + at + key.size() + 3);
