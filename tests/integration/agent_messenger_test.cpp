@@ -137,6 +137,7 @@ TEST(AgentMessenger, EventsAndHostileAgents) {
       {"shut window, then half-close", shut_window(false), kNormal, true, 5, big, big_want, true},
   };
   for (const auto& c : cases) {
+    if (HasFailure()) break;  // a broken build fails at its first row, in seconds
     SCOPED_TRACE(c.name);
     FakeAgent agent(
         [&](FakeAgent& self, int& fd, int) {
@@ -205,6 +206,7 @@ TEST(AgentMessenger, HowTheJobStartedTheRun) {
                {"output a broken pipe", {-1, broken[1], -1}},
                {"1,100 inherited descriptors", {-1, -1, -1}, 1100}};
   for (const auto& c : cases) {
+    if (HasFailure()) break;
     SCOPED_TRACE(c.name);
     if (c.inherited > 0 && (raised.rlim_cur > old.rlim_max || setrlimit(RLIMIT_NOFILE, &raised)))
       continue;  // a hard limit below 2,048 descriptors
@@ -361,6 +363,7 @@ TEST(AgentSession, Outcomes) {
       {"stale notice of a rejection", flood, 2, 2, false, true, {}, false, false, false, 5},
   };
   for (const auto& c : cases) {
+    if (HasFailure()) break;
     SCOPED_TRACE(c.name);
     const int port = refused_port();
     std::unique_ptr<FakeAgent> agent;
