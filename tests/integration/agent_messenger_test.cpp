@@ -152,7 +152,10 @@ TEST(AgentMessenger, EventsAndHostileAgents) {
     const RunResult run = run_messenger(c.script ? agent.port() : refused_port(), args, 10);
     Bytes want = c.want;
     const auto le = [](const Bytes& b, size_t off) {
-      return b[off] | b[off + 1] << 8 | b[off + 2] << 16 | static_cast<unsigned>(b[off + 3]) << 24;
+      unsigned v = 0;
+      for (int i = 3; i >= 0; --i)
+        v = v << 8 | static_cast<unsigned char>(b[off + i]);
+      return v;
     };
     // An end event exits with its return code, every other with 0.
     expect_sound_run(run, want[24] == 'E' ? static_cast<int>(le(want, 100)) : 0, 1, c.timeout);
