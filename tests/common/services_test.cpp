@@ -1,5 +1,4 @@
-// Memory, spin locks, error records, numbers, code pages, protocol header, host names (this
-// machine only) and dumps (of heap areas exactly as long as the bytes, so ASan sees overreads).
+// Memory, locks, error records, numbers, code pages, header, host names (this machine) and dumps.
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -79,12 +78,10 @@ TEST(Memory, CopiesAndFrees) {
   EXPECT_EQ(nullptr, area);
   FreeMallocArea(&area, "area");  // harmless twice
   FreeMallocArea(nullptr, "no pointer");
-
   const char src[5] = {'a', 'b', '\0', 'c', 'd'};
   errno = EINVAL;
   char* copy = MemCopy(src, 4);
-  EXPECT_EQ(0, errno);
-  EXPECT_EQ(Bytes("ab\0c\0\0", 6), Bytes(copy, 6));
+  EXPECT_EQ(std::make_pair(0, Bytes("ab\0c\0\0", 6)), std::make_pair(errno, Bytes(copy, 6)));
   free(copy);
   for (int length : {-5, 0, 6}) {
     char* zeroes = MemCopy(nullptr, length);
@@ -127,13 +124,13 @@ TEST(Qx7Error, FillersSetNumberAndBoundedInsertOnly) {
   e.qx_result = 11;
   e.qx_errno = 22;
   FillMessageOnPermissionError(&e, 2, "nobody");
-  EXPECT_EQ(2000102, e.qx_msgnr);
-  EXPECT_EQ("getpwnam(nobody)|2 - " + Bytes(strerror(2)), e.qx_msgInsert);
+  EXPECT_EQ(std::make_pair(2000102, "getpwnam(nobody)|2 - " + Bytes(strerror(2))),
+            std::make_pair(e.qx_msgnr, Bytes(e.qx_msgInsert)));
   FillMessageOnPermissionError(&e, 2, Bytes(2000, 'u').c_str());
   EXPECT_EQ("getpwnam(" + Bytes(1014, 'u'), e.qx_msgInsert);
   FillMessageOnPasswordError(&e, 13, "%s|%d", "alice", 5);
-  EXPECT_EQ(2001007, e.qx_msgnr);
-  EXPECT_STREQ("alice|5", e.qx_msgInsert);
+  EXPECT_EQ(std::make_pair(2001007, Bytes("alice|5")),
+            std::make_pair(e.qx_msgnr, Bytes(e.qx_msgInsert)));
   FillMessageOnPasswordError(&e, 0, "%s", Bytes(3000, 'p').c_str());
   EXPECT_EQ(Bytes(1023, 'p'), e.qx_msgInsert);
   FillMessageOnPasswordError(&e, 0, nullptr);  // no format: an empty insert
@@ -158,31 +155,29 @@ TEST(ByteOrder, BothHostOrdersAndInPlaceConverters) {
               ToWire64(0x0102030405060708, little));
   }
   EXPECT_EQ(-257, static_cast<short>(ToWire16(static_cast<uint16_t>(-2), false)));
-
-  struct Case {  // CNV_Int gives least significant first, CNV_X most significant first
-    bool host_is_little, want_little;
-    Bytes in, out;
-  } cases[] = {{true, false, "\1\0\0\0"s, "\0\0\0\1"s},
-               {true, true, "\1\0\0\0"s, "\1\0\0\0"s},
-               {false, true, "\0\0\0\1"s, "\1\0\0\0"s},
-               {false, true, "\1\2"s, "\2\1"s},
-               {true, false, "\1\2\3\4\5\6\7\10"s, "\10\7\6\5\4\3\2\1"s},
-               {true, false, "\1\2\3"s, "\1\2\3"s}};  // other sizes stay as they are
-  for (Case& c : cases) {
-    Bytes field = c.in;
-    ToOrder(field.data(), static_cast<short>(field.size()), c.host_is_little, c.want_little);
-    EXPECT_EQ(c.out, field) << c.host_is_little << c.out.size();
+  // CNV_Int gives least significant first, CNV_X most significant first.
+  const std::tuple<bool, bool, Bytes, Bytes> cases[] = {
+      {true, false, "\1\0\0\0"s, "\0\0\0\1"s},
+      {true, true, "\1\0\0\0"s, "\1\0\0\0"s},
+      {false, true, "\0\0\0\1"s, "\1\0\0\0"s},
+      {false, true, "\1\2"s, "\2\1"s},
+      {true, false, "\1\2\3\4\5\6\7\10"s, "\10\7\6\5\4\3\2\1"s},
+      {true, false, "\1\2\3"s, "\1\2\3"s}};  // other sizes stay as they are
+  for (const auto& [host_is_little, want_little, in, out] : cases) {
+    Bytes field = in;
+    ToOrder(field.data(), static_cast<short>(field.size()), host_is_little, want_little);
+    EXPECT_EQ(out, field) << host_is_little << out.size();
   }
   int one = 1;
   CNV_X(&one, sizeof one);
-  EXPECT_EQ(Bytes("\0\0\0\1", 4), BytesOf(one));
+  const Bytes swapped = BytesOf(one);
   CNV_Int(&one, sizeof one);
-  EXPECT_EQ(Bytes("\0\0\0\1", 4), BytesOf(one));
+  EXPECT_EQ(Bytes("\0\0\0\1\0\0\0\1", 8), swapped + BytesOf(one));
 }
 
 // Signed comparisons at equality and across zero; 4-byte addends are sign- or zero-extended.
 TEST(Arithmetic64, SignedComparisonsAndExtension) {
-  long long m1 = -1, p1 = 1, sum = 0;
+  long long m1 = -1, p1 = 1;
   int i_m1 = -1, i_p1 = 1;
   EXPECT_EQ(std::make_tuple(0, 1, 0, 1, 0, 1, 0),
             std::make_tuple(MyGt8(&m1, &p1), MyGt8(&p1, &m1), MyGt8(&p1, &p1), MyLe8(&m1, &p1),
@@ -190,14 +185,12 @@ TEST(Arithmetic64, SignedComparisonsAndExtension) {
   EXPECT_EQ(std::make_tuple(1, 0, 1, 0, 1),
             std::make_tuple(MyGt4(&i_p1, &i_m1), MyGt4(&i_p1, &i_p1), MyLe4(&i_m1, &i_p1),
                             MyLe4(&i_p1, &i_m1), MyLe4(&i_p1, &i_p1)));
-  MyAddFrom4(&sum, -1);
-  EXPECT_EQ(-1, sum);
-  sum = 0;
-  myAdd8(&sum, 0xFFFFFFFFu);
-  EXPECT_EQ(4294967295LL, sum);
-  sum = LLONG_MAX;
-  MyAddFrom8(&sum, &p1);
-  EXPECT_EQ(LLONG_MIN, sum);  // wraps
+  long long after4 = 0, after8 = 0, wrapped = LLONG_MAX;
+  MyAddFrom4(&after4, -1);
+  myAdd8(&after8, 0xFFFFFFFFu);
+  MyAddFrom8(&wrapped, &p1);
+  EXPECT_EQ(std::make_tuple(-1LL, 4294967295LL, LLONG_MIN),
+            std::make_tuple(after4, after8, wrapped));
 }
 
 TEST(NumberTexts, AddressIntegerAndHexWithinTheirAreas) {
@@ -210,7 +203,6 @@ TEST(NumberTexts, AddressIntegerAndHexWithinTheirAreas) {
   EXPECT_EQ(Bytes("1234\0xxx", 8), Bytes(text, 8));
   CnvAddrStr(p, text, sizeof text);
   EXPECT_STREQ("12345678", text);
-
   for (const char* digits : {"18446744073709551615", "4711"}) {
     char area[33];  // right-aligned in a 32-character field
     const char* first = CnvIntToChar(strtoull(digits, nullptr, 10), area, sizeof area);
@@ -221,11 +213,9 @@ TEST(NumberTexts, AddressIntegerAndHexWithinTheirAreas) {
   EXPECT_EQ(area, CnvIntToChar(0, area, sizeof area));  // 0 stands at the start
   EXPECT_STREQ("0", area);
   EXPECT_STREQ("1234", CnvIntToChar(123456, area, 5));  // too small for the field: cut
-
   const unsigned char in[4] = {0x00, 0xFF, 0xA5, 0x1C};
   char out[10] = "xxxxxxxx";
-  EXPECT_EQ(-1, convert2hex(in, 4, out, 9));  // one short of the terminator: untouched
-  EXPECT_EQ(-1, convert2hex(in, -1, out, 9));
+  EXPECT_EQ(-2, convert2hex(in, 4, out, 9) + convert2hex(in, -1, out, 9));  // out untouched
   EXPECT_STREQ("xxxxxxxx", out);
   EXPECT_EQ(0, convert2hex(in, 4, out, 10));
   EXPECT_STREQ("00FFA51C", out);
@@ -247,7 +237,6 @@ TEST(Ebcdic, KnownPairsAndRoundTripOverAllBytes) {
   ToEbcdic(text, 0);
   ToAscii(text, -1);
   EXPECT_STREQ("abc", text);
-
   const std::map<int, int> kBack = {
       {0x13, 0x12}, {0x7F, 7}, {0xC4, '['}, {0xD6, '\\'}, {0xDC, ']'}};
   std::vector<int> preimages(256, 0);
@@ -268,20 +257,20 @@ TEST(Ebcdic, KnownPairsAndRoundTripOverAllBytes) {
 
 // Valid codes are kept; others get the lowest substitute code, or a blank without one.
 TEST(CodeTab, SetCodeTabAndAreaConv) {
-  struct Case {
-    std::vector<std::pair<int, unsigned char>> attributes, expected;
-  } cases[] = {{{{'a', kCodeValid}}, {{'a', 255 - 'a'}, {'b', ' '}}},
-               {{{5, kCodeSubstitute}, {9, kCodeSubstitute | kCodeValid}, {7, kCodeValid}},
-                {{5, 250}, {6, 250}, {7, 248}, {9, 246}, {255, 250}}}};
-  for (const Case& c : cases) {
+  using Entries = std::vector<std::pair<int, unsigned char>>;
+  const std::pair<Entries, Entries> cases[] = {
+      {{{'a', kCodeValid}}, {{'a', 255 - 'a'}, {'b', ' '}}},
+      {{{5, kCodeSubstitute}, {9, kCodeSubstitute | kCodeValid}, {7, kCodeValid}},
+       {{5, 250}, {6, 250}, {7, 248}, {9, 246}, {255, 250}}}};
+  for (const auto& [attributes, expected] : cases) {
     std::vector<unsigned char> description(kCodeTabDescriptionSize, 0);
     for (int i = 0; i < kCodeTabSize; ++i)
       description[i] = static_cast<unsigned char>(255 - i);
-    for (auto [i, a] : c.attributes)
+    for (auto [i, a] : attributes)
       description[kCodeTabSize + i] = a;
     unsigned char table[kCodeTabSize];
     SetCodeTab(table, description.data());
-    for (auto [i, v] : c.expected)
+    for (auto [i, v] : expected)
       EXPECT_EQ(v, table[i]) << "entry " << i;
   }
   unsigned char upper[kCodeTabSize];
@@ -289,12 +278,11 @@ TEST(CodeTab, SetCodeTabAndAreaConv) {
     upper[i] = static_cast<unsigned char>(toupper(i));
   const char in[3] = {'a', '\xE4', 'z'};  // exactly three readable bytes
   char out[4] = {0, 0, 0, '#'};
-  EXPECT_EQ(3, AreaConv(out, in, 3, upper));
-  EXPECT_EQ("A\xE4Z#", Bytes(out, 4));
   char same[] = "mixed Text";
-  EXPECT_EQ(10, AreaConv(same, same, 10, upper));
-  EXPECT_STREQ("MIXED TEXT", same);
+  EXPECT_EQ(std::make_pair(3, 10),
+            std::make_pair(AreaConv(out, in, 3, upper), AreaConv(same, same, 10, upper)));
   EXPECT_EQ(0, AreaConv(same, same, -3, upper));
+  EXPECT_EQ("A\xE4Z#|MIXED TEXT", Bytes(out, 4) + "|" + same);
 }
 
 // The length is written and read only behind the eye-catcher, as eight digits.
@@ -315,7 +303,6 @@ TEST(ProtocolHeader, LengthFieldAndFourByteCopy) {
   EXPECT_EQ(GetProtocolLength(h), 0);
   EXPECT_EQ(SetProtocolLength(h, 77), 77);
   EXPECT_EQ(Bytes(reinterpret_cast<char*>(h), 8), "0012x999");
-
   unsigned char four[4] = {0x01, 0x02, 0x03, 0xFF}, out[6] = {};
   i4_memcopy(out + 1, four);
   EXPECT_EQ(Bytes(reinterpret_cast<char*>(out), 6), Bytes("\0\x01\x02\x03\xFF\0", 6));
@@ -332,7 +319,7 @@ void ExpectLookupFailure(const char* text, int code) {
   EXPECT_STREQ(code == HOST_NOT_FOUND ? "HOST_NOT_FOUND" : "TRY_AGAIN", text);
 }
 
-// Each look-up clears errno on success and cuts its answer to the area.
+// Look-ups clear errno on success, cut to the area; socket buffers as set, 0 for no socket.
 TEST(Lookups, BothDirectionsWithErrorNamesAndErrno) {
   const char* names[] = {"????", "HOST_NOT_FOUND", "TRY_AGAIN", "NO_RECOVERY", "NO_DATA", "????"};
   char text[32];
@@ -355,7 +342,6 @@ TEST(Lookups, BothDirectionsWithErrorNamesAndErrno) {
       EXPECT_TRUE(strcmp(want, name) == 0 || errno == 0) << name;  // literals are no look-up
     }
   }
-  // The socket buffer sizes as set, and 0 for a descriptor that is no socket.
   const int s = socket(AF_INET, SOCK_STREAM, 0), wanted = 4 * GetSendSocketBuffer(s);
   ASSERT_EQ(0, setsockopt(s, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted));
   EXPECT_GE(GetSendSocketBuffer(s), wanted);
@@ -365,34 +351,25 @@ TEST(Lookups, BothDirectionsWithErrorNamesAndErrno) {
 }
 
 TEST(VerifyHostDef, SplitsPortAndResolves) {
-  struct Case {
-    std::string def;
-    int port, result;
-    const char *host, *ip;
-    int host_size = 64;
-  } cases[] = {
-      {"127.0.0.1:2217", 2217, 0, "localhost", "127.0.0.1"},
-      {"localhost", 0, 0, "localhost", "127.0.0.1"},
-      {std::string(kUnnamedAddress) + ":2217", 2217, 1, "", kUnnamedAddress},
-      {std::string(kUnknownName) + ":99", 99, -1, kUnknownName, ""},
-      {std::string(300, 'h') + ":1", 0, -1, "hhhhhhh", "", 8},  // ":1" lies past 255 bytes
-  };
-  for (const Case& c : cases) {
-    std::vector<char> host(c.host_size, 'x');
+  const std::tuple<Bytes, int, int, const char*, const char*, int> cases[] = {
+      {"127.0.0.1:2217", 2217, 0, "localhost", "127.0.0.1", 64},
+      {"localhost", 0, 0, "localhost", "127.0.0.1", 64},
+      {std::string(kUnnamedAddress) + ":2217", 2217, 1, "", kUnnamedAddress, 64},
+      {std::string(kUnknownName) + ":99", 99, -1, kUnknownName, "", 64},
+      {std::string(300, 'h') + ":1", 0, -1, "hhhhhhh", "", 8}};  // ":1" lies past 255 bytes
+  for (const auto& [def, port, result, want_host, want_ip, host_size] : cases) {
+    std::vector<char> host(host_size, 'x');
     char ip[16];
     qx7_error err;
     memset(&err, 0x55, sizeof err);
-    EXPECT_EQ(c.port, verifyHostDef(c.def.c_str(), host.data(), c.host_size, ip, 16, &err));
-    EXPECT_STREQ(c.host, host.data()) << c.def;
-    EXPECT_STREQ(c.ip, ip) << c.def;
-    EXPECT_EQ(c.result, err.qx_result) << c.def;
-    EXPECT_EQ(0, err.qx_msgnr) << c.def;
-    if (c.result != 0) {
+    const int got = verifyHostDef(def.c_str(), host.data(), host_size, ip, 16, &err);
+    EXPECT_EQ(std::make_tuple(port, Bytes(want_host), Bytes(want_ip), result, 0),
+              std::make_tuple(got, Bytes(host.data()), Bytes(ip), err.qx_result, err.qx_msgnr))
+        << def;
+    if (result != 0)
       ExpectLookupFailure(err.qx_msgInsert, err.qx_errno);
-    } else {
-      EXPECT_EQ(std::make_pair(0, std::string()),
-                std::make_pair(err.qx_errno, std::string(err.qx_msgInsert)));
-    }
+    else
+      EXPECT_EQ(std::make_pair(0, Bytes()), std::make_pair(err.qx_errno, Bytes(err.qx_msgInsert)));
   }
 }
 
@@ -419,26 +396,22 @@ const std::string kLettersLine = "  41424344 45464748 494A4B4C 4D4E4F50  >ABCDEF
 const std::string kXLine = " 78787878 78787878 78787878 78787878  >xxxxxxxxxxxxxxxx<\n";
 
 TEST(ZumemTrace, LayoutsByteForByte) {
-  struct Case {
-    std::string name, bytes;
-    int len;
-    const char* shown_len;
-    std::string body;
-  } cases[] = {{"full line", kLetters, 16, "00016", kIndent + "00000000" + kLettersLine},
-               {"short last line padded", kLetters + std::string("\x01 z\xFF", 4), 20, "00020",
-                kIndent + "00000000" + kLettersLine + PadTo(kIndent + "00000010  01207AFF", 59) +
-                    "  >. z.<\n"},
-               {"repeats left out, last shown", std::string(48, 'x'), 48, "00048",
-                kIndent + "00000000=" + kXLine + kIndent + "00000020 " + kXLine},
-               {"two equal lines both shown", std::string(32, 'x'), 32, "00032",
-                kIndent + "00000000 " + kXLine + kIndent + "00000010 " + kXLine},
-               {"empty", "abc", 0, "00000", ""},
-               {"negative", "abc", -5, "-0005", ""}};
-  for (const Case& c : cases) {
-    Area area = AreaOf(c.bytes);
+  const std::tuple<std::string, std::string, int, const char*, std::string> cases[] = {
+      {"full line", kLetters, 16, "00016", kIndent + "00000000" + kLettersLine},
+      {"short last line padded", kLetters + std::string("\x01 z\xFF", 4), 20, "00020",
+       kIndent + "00000000" + kLettersLine + PadTo(kIndent + "00000010  01207AFF", 59) +
+           "  >. z.<\n"},
+      {"repeats left out, last shown", std::string(48, 'x'), 48, "00048",
+       kIndent + "00000000=" + kXLine + kIndent + "00000020 " + kXLine},
+      {"two equal lines both shown", std::string(32, 'x'), 32, "00032",
+       kIndent + "00000000 " + kXLine + kIndent + "00000010 " + kXLine},
+      {"empty", "abc", 0, "00000", ""},
+      {"negative", "abc", -5, "-0005", ""}};
+  for (const auto& [name, bytes, len, shown_len, body] : cases) {
+    Area area = AreaOf(bytes);
     CaptureStdout();
-    EXPECT_EQ(0, ZUMEM_Trace("T", area.data(), c.len));
-    EXPECT_EQ(TraceHeading("T", area.data(), c.shown_len) + c.body, GetCapturedStdout()) << c.name;
+    EXPECT_EQ(0, ZUMEM_Trace("T", area.data(), len));
+    EXPECT_EQ(TraceHeading("T", area.data(), shown_len) + body, GetCapturedStdout()) << name;
   }
   // MemTrace cuts a long title where the address starts; FormMemTrace right-aligns it in 40.
   const std::string long_id(80, 'i');
@@ -491,41 +464,36 @@ TEST(GetMemTrace, GroupsOfFourWithinTheArea) {
 
 TEST(KeyedFields, GetRestFieldAndGetAttribute) {
   const std::string rest = "A=/first/B=,second,C=::";
-  struct Case {
-    int rest_len;
-    char search;
-    unsigned ret_size;
-    const char* value;  // null: not found
-  } cases[] = {{19, 'B', 16, "second"}, {19, 'A', 16, "first"}, {19, 'C', 16, nullptr},
-               {23, 'C', 16, ""},       {10, 'B', 16, nullptr}, {18, 'B', 16, nullptr},
-               {19, 'B', 3, "sec"},     {0, 'A', 16, nullptr}};
-  for (const Case& c : cases) {
-    std::vector<char> area(rest.begin(), rest.begin() + c.rest_len);  // not terminated
-    std::vector<char> result(c.ret_size + 1, 'x');
-    const int found = GetRestField(area.data(), c.rest_len, c.search, result.data(), c.ret_size);
-    EXPECT_EQ(c.value != nullptr, found) << c.search << " in " << c.rest_len;
-    EXPECT_STREQ(found ? c.value : "", found ? result.data() : "");
+  // Area length, code, result size, value (null: not found).
+  const std::tuple<int, char, unsigned, const char*> cases[] = {
+      {19, 'B', 16, "second"}, {19, 'A', 16, "first"}, {19, 'C', 16, nullptr},
+      {23, 'C', 16, ""},       {10, 'B', 16, nullptr}, {18, 'B', 16, nullptr},
+      {19, 'B', 3, "sec"},     {0, 'A', 16, nullptr}};
+  for (const auto& [rest_len, search, ret_size, value] : cases) {
+    std::vector<char> area(rest.begin(), rest.begin() + rest_len);  // not terminated
+    std::vector<char> result(ret_size + 1, 'x');
+    const int found = GetRestField(area.data(), rest_len, search, result.data(), ret_size);
+    EXPECT_EQ(value != nullptr, found) << search << " in " << rest_len;
+    EXPECT_STREQ(found ? value : "", found ? result.data() : "");
   }
   char result[8] = "xxxxxxx";
-  EXPECT_EQ(0, GetRestField("AX/first/", 9, 'A', result, 7));  // no "=" after the code
-  EXPECT_EQ(0, GetRestField("B=,sec", 6, 'B', result, 7));     // a value the area cuts short
-  EXPECT_STREQ("sec", result);                                 // is not found, yet terminated
-
-  struct {
-    const char *area, *search;
-    unsigned ret_size;
-    const char* value;
-  } attributes[] = {{"HOST=alpha,PORT=2217", "PORT", 16, "2217"},
-                    {"HOST=alpha,PORT=2217", "HOST", 3, "al"},
-                    {"HOST=alpha,PORT=2217", "USER", 16, ""},
-                    {"HOST=,PORT=1", "HOST", 16, ""},
-                    {"HOST", "HOST", 16, ""}};
-  for (const auto& c : attributes) {
-    std::vector<char> out(c.ret_size, 'x');
-    EXPECT_EQ(c.value[0] != '\0', GetAttribute(c.area, static_cast<int>(strlen(c.area)), c.search,
-                                               out.data(), c.ret_size))
-        << c.search << " in " << c.area;
-    EXPECT_STREQ(c.value, out.data()) << c.search << " in " << c.area;
+  // No "=" after the code, or a value the area cuts short: not found, yet terminated.
+  EXPECT_EQ(0, GetRestField("AX/first/", 9, 'A', result, 7));
+  EXPECT_EQ(0, GetRestField("B=,sec", 6, 'B', result, 7));
+  EXPECT_STREQ("sec", result);
+  const std::tuple<const char*, const char*, unsigned, const char*> attributes[] = {
+      {"HOST=alpha,PORT=2217", "PORT", 16, "2217"},
+      {"HOST=alpha,PORT=2217", "HOST", 3, "al"},
+      {"HOST=alpha,PORT=2217", "USER", 16, ""},
+      {"HOST=,PORT=1", "HOST", 16, ""},
+      {"HOST", "HOST", 16, ""}};
+  for (const auto& [area, search, ret_size, value] : attributes) {
+    std::vector<char> out(ret_size, 'x');
+    const int found =
+        GetAttribute(area, static_cast<int>(strlen(area)), search, out.data(), ret_size);
+    EXPECT_EQ(std::make_pair(int{value[0] != '\0'}, Bytes(value)),
+              std::make_pair(found, Bytes(out.data())))
+        << search << " in " << area;
   }
   char out[8] = "x";  // without an area or a key: nothing found, an empty result
   EXPECT_EQ(0,

@@ -21,31 +21,27 @@ using testing::internal::GetCapturedStdout;
 
 // Word, rest (-2) and whole (-1) modes at the area's limits; rest mode clears behind the text.
 TEST(GetWordDelimited, ModesAndLimits) {
-  struct Case {
-    const char* src;
-    char delim;
-    int n, dst_len;
-    const char* want;
-    int ret;
-  } cases[] = {{"JNR=4711", '=', 1, 64, "JNR", 3}, {"JNR=4711", '=', -2, 64, "4711", 4},
-               {"CMD=a=b", '=', -2, 64, "a=b", 3}, {"CMD=a=b", '=', 2, 64, "a", 1},
-               {"KEY", '=', -2, 64, "", 0},        {"KEY=", '=', -2, 64, "", 0},
-               {"KEY", '=', 1, 64, "KEY", 3},      {"a,,b", ',', 2, 64, "", 0},
-               {"a,,b", ',', 3, 64, "b", 1},       {"a,,b", ',', 4, 64, "", 0},
-               {"a,,b", ',', 0, 64, "", 0},        {"a,,b", ',', -1, 64, "a,,b", 4},
-               {"=v", '=', 1, 64, "", 0},          {" a , b", ',', 2, 64, " b", 2},
-               {"abcdef", ',', 1, 4, "abc", 4},    {"abc,x", ',', 1, 4, "abc", 3},
-               {"abcd,x", ',', 1, 4, "abc", 4},    {"abcd", ',', 1, 1, "", 1},
-               {"k=abcdef", '=', -2, 4, "abc", 3}, {"k=abc", '=', -2, 4, "abc", 3},
-               {"k=ab", '=', -2, 8, "ab", 2}};
-  for (const Case& c : cases) {
+  const std::tuple<const char*, char, int, int, const char*, int> cases[] = {
+      {"JNR=4711", '=', 1, 64, "JNR", 3}, {"JNR=4711", '=', -2, 64, "4711", 4},
+      {"CMD=a=b", '=', -2, 64, "a=b", 3}, {"CMD=a=b", '=', 2, 64, "a", 1},
+      {"KEY", '=', -2, 64, "", 0},        {"KEY=", '=', -2, 64, "", 0},
+      {"KEY", '=', 1, 64, "KEY", 3},      {"a,,b", ',', 2, 64, "", 0},
+      {"a,,b", ',', 3, 64, "b", 1},       {"a,,b", ',', 4, 64, "", 0},
+      {"a,,b", ',', 0, 64, "", 0},        {"a,,b", ',', -1, 64, "a,,b", 4},
+      {"=v", '=', 1, 64, "", 0},          {" a , b", ',', 2, 64, " b", 2},
+      {"abcdef", ',', 1, 4, "abc", 4},    {"abc,x", ',', 1, 4, "abc", 3},
+      {"abcd,x", ',', 1, 4, "abc", 4},    {"abcd", ',', 1, 1, "", 1},
+      {"k=abcdef", '=', -2, 4, "abc", 3}, {"k=abc", '=', -2, 4, "abc", 3},
+      {"k=ab", '=', -2, 8, "ab", 2}};
+  for (const auto& [src, delim, n, dst_len, want, ret] : cases) {
     char dst[64];
     memset(dst, 'X', sizeof dst);
-    EXPECT_EQ(get_word_delimited(c.src, c.delim, c.n, dst, c.dst_len), c.ret) << c.src << c.n;
-    EXPECT_STREQ(dst, c.want) << c.src << " " << c.n;
-    EXPECT_EQ(std::string(dst + c.dst_len, 64 - c.dst_len), std::string(64 - c.dst_len, 'X'));
-    const std::string rest(dst, c.dst_len);
-    EXPECT_TRUE(c.n != -2 || rest.find_first_not_of('\0', strlen(c.want)) == rest.npos) << c.src;
+    const int got = get_word_delimited(src, delim, n, dst, dst_len);
+    EXPECT_EQ(std::make_tuple(ret, std::string(want), std::string(64 - dst_len, 'X')),
+              std::make_tuple(got, std::string(dst), std::string(dst + dst_len, 64 - dst_len)))
+        << src << " " << n;
+    const std::string rest(dst, dst_len);
+    EXPECT_TRUE(n != -2 || rest.find_first_not_of('\0', strlen(want)) == rest.npos) << src;
   }
   char dst[4] = "ab";
   EXPECT_EQ(get_word_delimited(nullptr, '=', 1, dst, 4), 0);  // no text: an empty word
@@ -67,7 +63,6 @@ TEST(StringCopy, BoundedAtTheLimit) {
   char overlap[16] = "0123456789";
   StringCopy(overlap, 5, overlap + 2);
   EXPECT_STREQ(overlap, "2345");
-
   char area[8] = "ab", unterminated[4] = {'a', 'b', 'c', 'd'};
   StringCat(area, sizeof area, "cdefghij");
   StringCat(area, sizeof area, "x");  // full: unchanged
@@ -79,28 +74,27 @@ TEST(StringCopy, BoundedAtTheLimit) {
 
 // Blanks go, tabs stay; fixed fields, case, replacement and descriptor lists within bounds.
 TEST(Blanks, StripAndFixedFields) {
-  struct {
-    const char *in, *stripped, *left, *right;
-  } cases[] = {{"  host  ", "host", "host  ", "  host"},
-               {"\thost\t ", "\thost\t", "\thost\t ", "\thost\t"},
-               {"    ", "", "", ""}};
-  for (const auto& c : cases) {
-    std::string a = c.in, b = c.in, d = c.in;
+  const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
+      {"  host  ", "host", "host  ", "  host"},
+      {"\thost\t ", "\thost\t", "\thost\t ", "\thost\t"},
+      {"    ", "", "", ""}};
+  for (const auto& [in, stripped, left, right] : cases) {
+    std::string a = in, b = in, d = in;
     strip(a.data());
     lstrip(b.data());
     rstrip(d.data());
     EXPECT_EQ(std::string(a.c_str()) + "|" + b.c_str() + "|" + d.c_str(),
-              std::string(c.stripped) + "|" + c.left + "|" + c.right);
+              std::string(stripped) + "|" + left + "|" + right);
   }
   char field[8] = {'x', ' ', ' ', ' ', 'y', 'y', 'y', 'y'}, value[6], h[4] = {'w', 'x', 'y', 'z'};
   EatTrailing(field, 4);
   EXPECT_EQ(std::string(field, 8), "x\0\0\0yyyy"s);
-  EXPECT_STREQ(GetStringTh("ab   xyz", 8, value, sizeof value), "ab");
-  EXPECT_STREQ(GetStringTh("abcdefgh", 8, value, sizeof value), "abcde");
-  EXPECT_STREQ(GetStringTh("abcdefgh", 8, value, 1), "");  // room for the terminator only
-  fix_len_reorg2(h, 4);  // no blank to drop: still terminated inside the field
-  EXPECT_STREQ(h, "wxy");
-  fix_len_reorg2(h, 0);  // an empty field stays as it is
+  std::string got = GetStringTh("ab   xyz", 8, value, sizeof value);
+  got += std::string("|") + GetStringTh("abcdefgh", 8, value, sizeof value);
+  EXPECT_EQ(got + "|" + GetStringTh("abcdefgh", 8, value, 1),
+            "ab|abcde|");  // last: room for 0 only
+  fix_len_reorg2(h, 4);    // no blank to drop: still terminated inside the field
+  fix_len_reorg2(h, 0);    // an empty field stays as it is
   EXPECT_STREQ(h, "wxy");
   char text[] = "aZ\x80\xe4z-1";  // only ASCII letters change case, within the length
   ToUpperCase(text, 3);
@@ -118,28 +112,25 @@ TEST(Blanks, StripAndFixedFields) {
 }
 
 TEST(Matching, MasksAndWildcards) {
-  struct {
-    const char *str, *mask;
-    int want;
-  } cases[] = {{"abc", "a*", 1},
-               {"", "*", 1},
-               {"", "", 1},
-               {"abc", "a?c", 1},
-               {"abc", "a?", 0},
-               {"abcbc", "a*bc", 1},
-               {"abxbc", "*x*c", 1},
-               {"abc", "*d", 0},
-               {"abc", "abc**", 1},
-               {"ab", "abc", 0},
-               {"axxbxxc", "a*b*c", 1},
-               {"abcd", "a*c", 0}};
-  for (const auto& c : cases)
-    EXPECT_EQ(MyStrMatch(c.str, c.mask, '*', '?'), c.want) << c.str << " ~ " << c.mask;
+  const std::tuple<const char*, const char*, int> cases[] = {{"abc", "a*", 1},
+                                                             {"", "*", 1},
+                                                             {"", "", 1},
+                                                             {"abc", "a?c", 1},
+                                                             {"abc", "a?", 0},
+                                                             {"abcbc", "a*bc", 1},
+                                                             {"abxbc", "*x*c", 1},
+                                                             {"abc", "*d", 0},
+                                                             {"abc", "abc**", 1},
+                                                             {"ab", "abc", 0},
+                                                             {"axxbxxc", "a*b*c", 1},
+                                                             {"abcd", "a*c", 0}};
+  for (const auto& [str, mask, want] : cases)
+    EXPECT_EQ(MyStrMatch(str, mask, '*', '?'), want) << str << " ~ " << mask;
   EXPECT_EQ(MyStrMatch("a*c", "a*c", '\0', '\0'), 1);  // wildcards switched off
 
-  char s[] = "prefix.middle.suffix", mask[] = "*middle*";
-  EXPECT_EQ(strMatchPtr(s, "prefix", '*', '?'), s);  // no wildcard: a prefix
-  EXPECT_EQ(strMatchPtr(s, "suffix", '*', '?'), nullptr);
+  char s[] = "prefix.middle.suffix", mask[] = "*middle*";  // without wildcards: a prefix
+  EXPECT_EQ(std::make_pair(strMatchPtr(s, "prefix", '*', '?'), strMatchPtr(s, "suffix", '*', '?')),
+            std::make_pair(s, static_cast<char*>(nullptr)));
   EXPECT_EQ(strMatchPtr(s, mask, '*', '?'), s + 7);
   EXPECT_STREQ(mask, "*middle*");  // the mask is left as it was
   EXPECT_EQ(strMatchPtr(s, "*middle", '*', '?'), nullptr);
@@ -155,21 +146,19 @@ TEST(TextHelpers, HexStringAndEnvironment) {
   EXPECT_STREQ(small, "'4D45");
   const std::string many(600, '\xAB');
   GetHexString(reinterpret_cast<const unsigned char*>(many.data()), 600, big, sizeof big);
-  EXPECT_EQ(strlen(big), 511u);  // the work text stops at 511 characters
-
+  EXPECT_EQ(strlen(big), 511u);           // the work text stops at 511 characters
   EXPECT_EQ(std::make_tuple(1, 1, 0, 1),  // rest within the message, in 32-bit arithmetic
             std::make_tuple(Zudnst_Plausibility(0, 5, 5), Zudnst_Plausibility(10, 4, 6),
                             Zudnst_Plausibility(10, 5, 6), Zudnst_Plausibility(10, 0xFFFFFFFF, 2)));
   setenv("QX_T_HOME", "/home/job", 1);
   unsetenv("QX_T_UNSET");
   EXPECT_EQ(ExpandEnvironmentStringsA("%QX_T_HOME%/log", out, sizeof out), 13);
-  EXPECT_STREQ(out, "/home/job/log");
+  std::string got = out;
   ExpandEnvironmentStringsA("a%QX_T_UNSET%b|x%QX_T_HOME", out, sizeof out);
-  EXPECT_STREQ(out, "ab|x/home/job");
   ExpandEnvironmentStringsA("%QX_T_HOME%", small, 5);
-  EXPECT_STREQ(small, "/hom");
+  got += std::string(",") + out + "," + small;
   ExpandEnvironmentStringsA(("%" + std::string(200, 'N') + "%").c_str(), out, sizeof out);
-  EXPECT_STREQ(out, "");
+  EXPECT_EQ(got + "," + out, "/home/job/log,ab|x/home/job,/hom,");
 }
 
 struct TimeZone {
@@ -185,30 +174,25 @@ struct TimeZone {
 };
 
 TEST(Dates, LocalAndUtcSplitUnderTheZone) {
-  struct Case {
-    const char* tz;
-    time_t t;
-    int local_day, local_hour, utc_day, utc_hour;
-    const char* text;
-  } cases[] = {{"UTC0", 0, 1, 0, 1, 0, "19700101/000000"},
-               {"JST-9", 1795361405, 23, 0, 22, 15, "20261123/003005"}};  // UTC+9
-  for (const Case& c : cases) {
-    TimeZone tz(c.tz);
+  const std::tuple<const char*, time_t, int, int, int, int, const char*> cases[] = {
+      {"UTC0", 0, 1, 0, 1, 0, "19700101/000000"},
+      {"JST-9", 1795361405, 23, 0, 22, 15, "20261123/003005"}};  // UTC+9
+  for (const auto& [zone, when, local_day, local_hour, utc_day, utc_hour, text] : cases) {
+    TimeZone tz(zone);
     DATUM_BUFF dt;
     memset(&dt, 0x5A, sizeof dt);
-    time_t t = c.t;
+    time_t t = when;
     GetDatumZeit2(&t, &dt);
     EXPECT_EQ(std::make_tuple(dt.dt_tag, dt.dt_std, dt.utc_tag, dt.utc_std),
-              std::make_tuple(c.local_day, c.local_hour, c.utc_day, c.utc_hour));
+              std::make_tuple(local_day, local_hour, utc_day, utc_hour));
     EXPECT_EQ(dt.dt_msek + dt.dt_usek + dt.dt_nsek + dt.utc_msek + dt.utc_nsek, 0);
-    EXPECT_STREQ(dt.dt_xdat, c.text);
+    EXPECT_STREQ(dt.dt_xdat, text);
   }
   DATUM_BUFF now;  // the current time carries milliseconds in its text
   GetDatumZeit2(nullptr, &now);
-  ASSERT_EQ(strlen(now.dt_xdat), 19u);
-  EXPECT_EQ(now.dt_xdat[15], '.');
-  EXPECT_EQ(atoi(now.dt_xdat + 16), now.dt_msek);
-  EXPECT_EQ(now.dt_msek, now.utc_msek);
+  ASSERT_EQ(std::make_pair(strlen(now.dt_xdat), now.dt_xdat[15]), std::make_pair(19ul, '.'));
+  EXPECT_EQ(std::make_pair(atoi(now.dt_xdat + 16), now.utc_msek),
+            std::make_pair(int{now.dt_msek}, now.dt_msek));
   EXPECT_LT(now.dt_usek, 1000);
   EXPECT_LE(llabs(static_cast<long long>(now.dt_time - time(nullptr))), 2);
 }
@@ -218,36 +202,28 @@ TEST(Dates, TextsCutToTheAreaLocalToUtcAndStopwatch) {
   time_t t = 0;
   char area[32];
   GetDtChar2(&t, area, 10);
-  EXPECT_STREQ(area, "19700101");
+  std::string got = area;
   GetDtChar2(&t, area, sizeof area);
-  EXPECT_STREQ(area, "19700101/010000");
-  EXPECT_STREQ(GetDtChar(&t), "19700101/010000");
-
+  EXPECT_EQ(got + "|" + area + "|" + GetDtChar(&t), "19700101|19700101/010000|19700101/010000");
   MSG_TYPE_TIMESTAMP zero = {}, ts = {2026, 1, 1, 0, 30, 15, 42};
   zero.ns = 7;
   MSG_TYPE_TIMESTAMP copy = zero;
-  EXPECT_EQ(CreateCharUtcTime(&copy), 0);  // an empty time stays as it is
-  EXPECT_EQ(memcmp(&copy, &zero, sizeof copy), 0);
-  EXPECT_EQ(CreateCharUtcTime(&ts), 0);
   const MSG_TYPE_TIMESTAMP utc = {2025, 12, 31, 23, 30, 15, 42};
+  EXPECT_EQ(std::make_pair(CreateCharUtcTime(&copy), CreateCharUtcTime(&ts)), std::make_pair(0, 0));
+  EXPECT_EQ(memcmp(&copy, &zero, sizeof copy), 0);  // an empty time stays as it is
   EXPECT_EQ(memcmp(&ts, &utc, sizeof ts), 0);
   MSG_TYPE_TIMESTAMP minus1 = {1970, 1, 1, 0, 59, 59, 0};  // one second before the epoch
   EXPECT_EQ(CreateCharUtcTime(&minus1), -1);               // mktime's -1 is taken as its failure
-
   struct timeval start = {0, 0};
   EXPECT_EQ(GetUsec(&start, 0), 0);  // starts the stopwatch
   start.tv_sec -= 2;
   const int us = GetUsec(&start, 1);
-  EXPECT_GE(us, 2000000);
-  EXPECT_LT(us, 3000000);
+  EXPECT_TRUE(us >= 2000000 && us < 3000000) << us;
   EXPECT_EQ(GetUsec(nullptr, 1), 0);
-
   const std::pair<int, const char*> durations[] = {
       {59, "00:00:59"}, {360000, "100:00:00"}, {-61, "00:-01:-01"}, {0, "00:00:00"}};
-  for (auto [sec, text] : durations) {
-    EXPECT_STREQ(sec2hhmmss(sec, area), text);
-    EXPECT_STREQ(sec2hhmmss2(sec), text);
-  }
+  for (auto [sec, text] : durations)
+    EXPECT_EQ(std::string(sec2hhmmss(sec, area)) + "|" + sec2hhmmss2(sec), text + "|"s + text);
   sec2hhmmss3(3661, area, 6);
   EXPECT_STREQ(area, "01:01");
 }
@@ -278,7 +254,6 @@ TEST(Trace, LineShapeCutAndOff) {
   EXPECT_EQ(m[1], "fn:      value 42");
   ASSERT_TRUE(std::regex_match(lines[1], m, shape));
   EXPECT_EQ(m[1].length(), 2047);
-
   CaptureStdout();
   EXPECT_EQ(mprintf("a=%d", 1), 0);
   mprintf("ends with newline\n");
@@ -304,20 +279,17 @@ TEST(Trcdump, HeadingShortLinesAndRepeats) {
       << lines[0];
   snprintf(tail, sizeof tail, "%p %.5d", static_cast<void*>(&byte), 0);
   EXPECT_EQ(lines[0].substr(68), tail);
-
   unsigned char data[64];
   for (int i = 0; i < 40; ++i)
     data[i] = static_cast<unsigned char>(0x18 + i);
   lines = Dump(data, 40);
   ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[1].substr(0, 38), std::string(20, ' ') + "00000000  18191A1B");
-  EXPECT_EQ(lines[1].substr(65), "  >........ !\"#$%&'<");
-  EXPECT_EQ(lines[3].substr(20, 9), "00000020 ");
-  EXPECT_EQ(lines[3].substr(65), "  >89:;<=>?<");  // where the full lines have it
+  EXPECT_EQ(lines[1].substr(0, 38) + lines[1].substr(65),
+            std::string(20, ' ') + "00000000  18191A1B  >........ !\"#$%&'<");
+  EXPECT_EQ(lines[3].substr(20, 9) + lines[3].substr(65), "00000020   >89:;<=>?<");  // aligned
   const unsigned char five[] = {'M', 'E', 'L', 'D', 0};
   EXPECT_EQ(Dump(five, 5)[1],
             std::string(20, ' ') + "00000000  4D454C44 00" + std::string(20, ' ') + "  >MELD.<");
-
   memset(data, 0x11, sizeof data);
   const std::tuple<int, std::string, std::string> repeats[] = {{64, "00000000=", "00000030 "},
                                                                {32, "00000000 ", "00000010 "},
@@ -333,16 +305,11 @@ TEST(Trcdump, HeadingShortLinesAndRepeats) {
   EXPECT_EQ(GetCapturedStdout(), "");
 }
 
-std::vector<std::pair<int, std::string>> logged;
-int Recorder(int msgnr, const char* insert) {
-  logged.emplace_back(msgnr, insert);
-  return 0;
-}
-
 TEST(Log, FormatsAndHandsToTheCurrentLogger) {
-  logged.clear();
+  static std::vector<std::pair<int, std::string>> logged;
   __log(1, "dropped");  // the starting logger drops every event
-  EXPECT_EQ(__log_set_logger(Recorder), 0);
+  auto record = [](int nr, const char* insert) { return logged.emplace_back(nr, insert), 0; };
+  EXPECT_EQ(__log_set_logger(record), 0);
   EXPECT_EQ(__log(3301, "%s/%s(%d)", "area", "file.cpp", 12), 0);
   __log(2, "%s", std::string(3000, 'z').c_str());
   __log_set_logger(nullptr);
