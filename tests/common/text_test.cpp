@@ -90,7 +90,7 @@ TEST(Blanks, StripAndFixedFields) {
   std::string got = GetStringTh("ab   xyz", 8, value, sizeof value);
   got += std::string("|") + GetStringTh("abcdefgh", 8, value, sizeof value);
   EXPECT_EQ(got + "|" + GetStringTh("abcdefgh", 8, value, 1),
-            "ab|abcde|");  // last: room for 0 only
+            "ab|abcde|");  // the last has room for the terminator only
   fix_len_reorg2(h, 4);    // no blank to drop: still terminated inside the field
   fix_len_reorg2(h, 0);    // an empty field stays as it is
   EXPECT_STREQ(h, "wxy");
