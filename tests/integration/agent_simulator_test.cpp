@@ -1,5 +1,4 @@
-// qx_agentsim as job script writers use it, clients that misbehave, and whole messenger runs
-// against it under valgrind.
+// qx_agentsim as job scripts use it, clients that misbehave, whole messenger runs under valgrind.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -35,11 +34,10 @@ TEST(AgentSimulator, ModesAsTheMessengerSeesThem) {
     EXPECT_EQ(sim.stop(), 0);
     const std::vector<std::string> lines = sim.lines();
     ASSERT_EQ(lines.size(), event ? 2u : 1u);
-    EXPECT_TRUE(!event ||
-                (json_number(lines.back(), "job") == 31 && json_number(lines.back(), "rc") == 4 &&
-                 has(lines.back(), "\"event\":\"end\"") &&
-                 has(lines.back(), "\"text\":\"say \\\"hi\\\"\"")))
-        << lines.back();
+    const std::string& l = lines.back();
+    EXPECT_TRUE(!event || (json_number(l, "job") == 31 && json_number(l, "rc") == 4 &&
+                           has(l, "\"event\":\"end\"") && has(l, "\"text\":\"say \\\"hi\\\"\"")))
+        << l;
     if (HasFailure()) break;
   }
 }
@@ -55,8 +53,7 @@ TEST(AgentSimulator, ExitsAfterCountEvents) {
   EXPECT_TRUE(has(sim.lines()[2], "file='/tmp/job.out'")) << sim.lines()[2];
 }
 
-// A messenger run against `port` that delivers its event at once.
-void expect_served(int port) {
+void expect_served(int port) {  // a messenger run against `port` delivers its event at once
   const RunResult run =
       run_messenger(port, {"TYP=E", "JNR=5", "RET=4", "RETRY=1", "TIMEOUT=5", "TRC=1"}, 8);
   EXPECT_TRUE(run.status == 4 && has(run.out, "ended normally") && run.secs < 4.0) << run.out;
@@ -66,8 +63,7 @@ Bytes meld_frame(int job) {
   return nat_frame("JPAKTJ_R", meld_body(276, 0, job, 'R', 57));
 }
 
-// Whether the simulator prints a line holding `part` within 5 seconds.
-bool prints_line(const Simulator& sim, const std::string& part) {
+bool prints_line(const Simulator& sim, const std::string& part) {  // within 5 seconds
   for (long long end = now_ms() + 5000; now_ms() < end; usleep(5000))
     for (const std::string& l : sim.lines())
       if (has(l, part)) return true;
@@ -90,8 +86,8 @@ TEST(AgentSimulator, DropsClientsThatDoNotReadOrSayNothing) {
   ASSERT_GE(quiet, 0);
   const long long connected = now_ms();
   Bytes greeting;
-  EXPECT_TRUE(read_frame(quiet, &greeting) && wait_eof(quiet, 5000));
-  EXPECT_TRUE(now_ms() - connected >= 900 && now_ms() - connected < 3000);
+  EXPECT_TRUE(read_frame(quiet, &greeting) && wait_eof(quiet, 5000) &&
+              now_ms() - connected >= 900 && now_ms() - connected < 3000);
   close(quiet);
   EXPECT_TRUE(prints_line(sim, "event='closed' reason='idle'"));
   expect_served(sim.port());
@@ -138,9 +134,7 @@ TEST(AgentSimulator, StalledOutputNeitherStopsServingNorTheStop) {
   ASSERT_GE(flood, 0);
   for (int job = 1; job <= 2000; job++)  // far more lines than the pipe holds
     ASSERT_TRUE(write_all(flood, meld_frame(job)));
-  // And more frames than the connection manager's wake-up pipe has room for their bytes.
-  const Bytes empty = frame("");
-  Bytes empty_frames;
+  Bytes empty = frame(""), empty_frames;  // more than the wake-up pipe has room for
   for (int i = 0; i < 70000; i++)
     empty_frames.insert(empty_frames.end(), empty.begin(), empty.end());
   ASSERT_TRUE(write_all(flood, empty_frames));
@@ -195,8 +189,7 @@ TEST(AgentSimulator, CommandLinesThatDoNotServe) {
   }
 }
 
-// qx_jpmd_dynamic (memcheck cannot follow a static program) leaves no memory error, block or
-// descriptor of its own at exit, whether the event is delivered, the agent is silent or absent.
+// qx_jpmd_dynamic leaves no memory error, block or descriptor, agent answering, silent or absent.
 TEST(AgentValgrind, WholeRunsLeaveNothing) {
   if (qxtest::kSanitizerBuild) GTEST_SKIP() << "sanitizer build";
   if (access("/usr/bin/valgrind", X_OK) != 0) GTEST_SKIP() << "valgrind missing";
@@ -221,7 +214,6 @@ TEST(AgentValgrind, WholeRunsLeaveNothing) {
     for (size_t at = run.err.find("FILE DESCRIPTORS: ");
          (at = run.err.find("<inherited from parent>", at + 1)) != std::string::npos;)
       inherited++;
-    // No error or block left, heap really watched, open: the standard and inherited descriptors.
     EXPECT_TRUE(run.exited && run.status == 0 && has(run.err, "ERROR SUMMARY: 0 errors") &&
                 has(run.err, "FILE DESCRIPTORS: " + std::to_string(3 + inherited) +
                                  " open (3 std) at exit.") &&

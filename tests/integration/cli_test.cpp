@@ -34,9 +34,7 @@ TEST(CommandLine, VersionUsageOrARun) {
                                      "/opt/qx/" + c.name};  // argv[0] a path to `name`
     args.insert(args.end(), c.args.begin(), c.args.end());
     const auto run = qxtest::run_program("/bin/bash", args, c.status < 0 ? 1 : 5);
-    const auto has = [&](const std::string& part) {
-      return run.out.find(part) != std::string::npos;
-    };
+    const auto has = [&](const std::string& p) { return run.out.find(p) != std::string::npos; };
     EXPECT_TRUE(run.err.empty() && run.status == c.status &&
                 (c.out.back() == '\n' ? run.out == c.out && run.secs < 2.0
                                       : has(c.out) && !has("usage:") && !has("QX7 Agent")))
@@ -44,17 +42,13 @@ TEST(CommandLine, VersionUsageOrARun) {
   }
 }
 
-// The output with {DT} for dd.mm.yyyy / hh:mm:ss and {STAMP} for yyyymmdd/hhmmss.mmm.
-std::string Masked(const std::string& out) {
-  const std::regex dt(R"(\d\d\.\d\d\.\d{4} / \d\d:\d\d:\d\d)"), stamp(R"(\d{8}/\d{6}\.\d{3})");
-  return std::regex_replace(std::regex_replace(out, dt, "{DT}"), stamp, "{STAMP}");
-}
-
 // The report of every event kind; the process ID in it is the parent's, this test's.
 TEST(Report, EveryEventKindByteForByte) {
   std::string huge(100000, 'h'), high;  // within 128 KiB per argument
   for (int b = 0x80; b <= 0xFF; ++b)
     high += static_cast<char>(b);
+  // {DT} masks dd.mm.yyyy / hh:mm:ss and {STAMP} yyyymmdd/hhmmss.mmm in the output.
+  const std::regex dt(R"(\d\d\.\d\d\.\d{4} / \d\d:\d\d:\d\d)"), stamp(R"(\d{8}/\d{6}\.\d{3})");
   char pid[16];
   snprintf(pid, sizeof pid, "%010i", static_cast<int>(getpid()));
   const auto framed = [](const std::string& event, const std::string& detail) {
@@ -112,7 +106,9 @@ TEST(Report, EveryEventKindByteForByte) {
     std::vector<std::string> args = c.args;  // no pauses between attempts unless none is made
     if (args.back() != "TIMEOUT=NONE") args.push_back("RETRY=0");
     const auto run = qxtest::run_program(bin_path("qx_jpmd"), args, 5);
-    EXPECT_EQ(std::make_tuple(run.err, run.status, Masked(run.out)),
+    const std::string masked =
+        std::regex_replace(std::regex_replace(run.out, dt, "{DT}"), stamp, "{STAMP}");
+    EXPECT_EQ(std::make_tuple(run.err, run.status, masked),
               std::make_tuple(std::string(), c.status, c.expected));
     if (HasFailure()) break;
   }

@@ -1,5 +1,4 @@
-// The messenger in-process: arguments, job messages without memory, SIGUSR1, the logger and the
-// EBCDIC 273 / PC 850 tables.
+// The messenger in-process: arguments, messages without memory, SIGUSR1, logger, code tables.
 #include "messenger/arguments.h"
 
 #include <gtest/gtest.h>
@@ -20,29 +19,10 @@
 
 namespace {
 
-// The context's fields after parsing `args`, as " key=value " words (NUL shown as "NUL").
-std::string Parsed(std::vector<std::string> args) {
-  PCX c;
-  initialize_messenger(&c);
-  args.insert(args.begin(), "qx_jpmd");
-  std::vector<char*> argv;
-  for (auto& a : args)
-    argv.push_back(a.data());
-  argv.push_back(nullptr);
-  EXPECT_EQ(parse_arguments(&c, static_cast<int>(args.size()), argv.data()), 0);
-  const auto ch = [](char x) { return x != 0 ? std::string(1, x) : std::string("NUL"); };
-  const auto num = [](int x) { return std::to_string(x); };
-  return " typ=" + ch(c.melder_type) + " st=" + ch(c.status) + " login=" + ch(c.output_login) +
-         " vtype=" + ch(c.var_type) + " to=" + num(c.IoTimeOut) + " retry=" + num(c.connect_retry) +
-         " wait=" + num(c.connect_wait) + " mode=" + num(c.running_mode) + " jnr=" + num(c.jobnri) +
-         " pnr=" + num(c.portnri) + " ret=" + num(c.reti) + " mnr=" + num(c.client) +
-         " txt=" + c.info_text + " ipa=" + c.ipAddr + " file=" + c.output_file +
-         " name=" + c.var_name + " value=" + c.var_value + " fill=" + num(c.filler1 | c.filler2) +
-         " eyec=" + std::string(c.eyec, 8).c_str() + " ";
-}
-
 // Each keyword's conversion, bound, cut and fallback; the last occurrence of a key wins.
 TEST(Arguments, KeywordsSetTheirFields) {
+  const auto ch = [](char x) { return x != 0 ? std::string(1, x) : std::string("NUL"); };
+  const auto num = [](int x) { return std::to_string(x); };
   const std::string big(100000, 'x'), t70(70, 't'), n300(300, 'n');
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{}, "typ=U st=R login=N vtype=NUL to=60 retry=3 wait=120 mode=3 jnr=0 txt= eyec="},
@@ -61,8 +41,23 @@ TEST(Arguments, KeywordsSetTheirFields) {
       {{std::string(100, 'K') + "=1", "TXT=\xe4\x80\xff", "TYP=\xc4", std::string(70, 'A')},
        "txt=\xe4\x80\xff typ=\xc4 st=R"},
   };
-  for (const auto& [args, want] : cases) {
-    const std::string fields = Parsed(args);
+  for (auto [args, want] : cases) {  // the fields after parsing, as " key=value " words
+    PCX c;
+    initialize_messenger(&c);
+    args.insert(args.begin(), "qx_jpmd");
+    std::vector<char*> argv;
+    for (auto& a : args)
+      argv.push_back(a.data());
+    argv.push_back(nullptr);
+    EXPECT_EQ(parse_arguments(&c, static_cast<int>(args.size()), argv.data()), 0);
+    const std::string fields =
+        " typ=" + ch(c.melder_type) + " st=" + ch(c.status) + " login=" + ch(c.output_login) +
+        " vtype=" + ch(c.var_type) + " to=" + num(c.IoTimeOut) + " retry=" + num(c.connect_retry) +
+        " wait=" + num(c.connect_wait) + " mode=" + num(c.running_mode) + " jnr=" + num(c.jobnri) +
+        " pnr=" + num(c.portnri) + " ret=" + num(c.reti) + " mnr=" + num(c.client) +
+        " txt=" + c.info_text + " ipa=" + c.ipAddr + " file=" + c.output_file +
+        " name=" + c.var_name + " value=" + c.var_value + " fill=" + num(c.filler1 | c.filler2) +
+        " eyec=" + std::string(c.eyec, 8).c_str() + " ";
     std::istringstream words(want);
     for (std::string w; words >> w;)
       EXPECT_NE(fields.find(" " + w + " "), std::string::npos)
@@ -121,7 +116,7 @@ TEST(Hooks, SwapcodeTables) {
     Swapcode(kCodeAscii, kCodeEbcdic, &b, 1);
     EXPECT_EQ(std::make_pair(pc, b), std::make_pair(p[1], p[0])) << std::hex << int(p[0]);
   }
-  unsigned char area[] = {0xC1, 0xC2, 0};
+  unsigned char area[] = {0xC1, 0xC2, 0};  // equal codes untouched
   Swapcode(kCodeEbcdic, kCodeEbcdic, area, 2);
   Swapcode(kCodeEbcdic, kCodeAscii, area, 2);
   EXPECT_STREQ(reinterpret_cast<char*>(area), "AB");

@@ -4,14 +4,13 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
+#include <poll.h>  // for agent.h
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <map>
