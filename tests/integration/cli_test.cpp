@@ -13,31 +13,28 @@ using qxtest::bin_path;
 // A lone -V names argv[0]; none, "--help" or "-h" alone print the usage; all else is a run.
 TEST(CommandLine, VersionUsageOrARun) {
   const std::string n255(255, 'n'), v = "\" version 12.2.0+build.2108, changelist '1530016094'\n";
-  const struct {
-    std::vector<std::string> args;
-    int status;       // -1: still running after a second
-    std::string out;  // the whole output, or (without a line end) a part of a run's report
-    std::string name = "qx_jpmd";
-  } cases[] = {{{"-V"}, 0, "QX7 Agent \"my_messenger" + v, "my_messenger"},
-               {{"-V"}, 0, "QX7 Agent \"" + n255 + v, n255},
-               {{}, 2, kUsageText},
-               {{"--help"}, 0, kUsageText},
-               {{"-h"}, 0, kUsageText},
-               {{"foo"}, -1, "RESTART AT"},
-               {{"--help", "RETRY=0"}, 0, "RESTART AT"},
-               {{"-h", "TYP=E", "RET=7", "RETRY=0"}, 7, "ENDED AT"},
-               {{"-V", "TRC=1", "RETRY=0"}, 0, "RESTART AT"},
-               {{"-v", "RETRY=0"}, 0, "RESTART AT"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.out.substr(0, 20) + " " + std::to_string(c.args.size()));
+  // Arguments; status (-1: runs on after 1 s); whole output or (no line end) part; argv[0] name.
+  const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
+      {{"-V"}, 0, "QX7 Agent \"my_messenger" + v, "my_messenger"},
+      {{"-V"}, 0, "QX7 Agent \"" + n255 + v, n255},
+      {{}, 2, kUsageText, "qx_jpmd"},
+      {{"--help"}, 0, kUsageText, "qx_jpmd"},
+      {{"-h"}, 0, kUsageText, "qx_jpmd"},
+      {{"foo"}, -1, "RESTART AT", "qx_jpmd"},
+      {{"--help", "RETRY=0"}, 0, "RESTART AT", "qx_jpmd"},
+      {{"-h", "TYP=E", "RET=7", "RETRY=0"}, 7, "ENDED AT", "qx_jpmd"},
+      {{"-V", "TRC=1", "RETRY=0"}, 0, "RESTART AT", "qx_jpmd"},
+      {{"-v", "RETRY=0"}, 0, "RESTART AT", "qx_jpmd"}};
+  for (const auto& [argv, status, out, name] : cases) {
+    SCOPED_TRACE(out.substr(0, 20) + " " + std::to_string(argv.size()));
     std::vector<std::string> args = {"-c", "exec -a \"$0\" " + bin_path("qx_jpmd") + " \"$@\"",
-                                     "/opt/qx/" + c.name};  // argv[0] a path to `name`
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    const auto run = qxtest::run_program("/bin/bash", args, c.status < 0 ? 1 : 5);
+                                     "/opt/qx/" + name};
+    args.insert(args.end(), argv.begin(), argv.end());
+    const auto run = qxtest::run_program("/bin/bash", args, status < 0 ? 1 : 5);
     const auto has = [&](const std::string& p) { return run.out.find(p) != std::string::npos; };
-    EXPECT_TRUE(run.err.empty() && run.status == c.status &&
-                (c.out.back() == '\n' ? run.out == c.out && run.secs < 2.0
-                                      : has(c.out) && !has("usage:") && !has("QX7 Agent")))
+    EXPECT_TRUE(run.err.empty() && run.status == status &&
+                (out.back() == '\n' ? run.out == out && run.secs < 2.0
+                                    : has(out) && !has("usage:") && !has("QX7 Agent")))
         << run.status << " " << run.secs << " " << run.out;
   }
 }

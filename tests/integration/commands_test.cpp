@@ -38,10 +38,7 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
   const std::string two = Scrambled("second password of 24 ch", /*magic=*/true);
   // 119 characters: 240 digits, the longest value; a run of digits ends after 251 of them.
   const std::string longest(119, 'L'), a252(252, 'a');
-  const struct {
-    std::string command, output;
-    int status;
-  } cases[] = {
+  const std::tuple<std::string, std::string, int> cases[] = {
       {"printf '[%s]' plain text", "[plain][text]", 0},
       {"printf '[%s]' " + one + " '" + two + "'", "[s3cr3t-one][second password of 24 ch]", 0},
       {"printf '[%s]' x" + one + "y", "[xs3cr3t-oney]", 0},
@@ -80,10 +77,10 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"", "", 0},
       {"kill -9 $$", "", 1},
       {"kill -USR1 $PPID; sleep 0.2; printf done", "done", 0}};  // the wait goes on after SIGUSR1
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.command);
-    const auto run = run_program(kMessenger, {"CMD=" + c.command});
-    EXPECT_EQ(std::tie(run.status, run.out, run.err), std::make_tuple(c.status, c.output, ""s));
+  for (const auto& [command, output, status] : cases) {
+    SCOPED_TRACE(command);
+    const auto run = run_program(kMessenger, {"CMD=" + command});
+    EXPECT_EQ(std::tie(run.status, run.out, run.err), std::make_tuple(status, output, ""s));
   }
   // Arguments after CMD are not looked at, and no report is printed.
   EXPECT_EQ(run_program(kMessenger, {"TYP=S", "cmd=printf done", "TRC=1"}).out, "done");
@@ -108,10 +105,8 @@ TEST(CmdExec, ClearTextIsOneLiteralPieceOfItsWord) {
   for (const std::string& v : {run, printable, control, high1, high2})
     values.push_back(v);
   const std::string print = bin_path("qx_test_print_args");
-  const struct {
-    const char* where;
-    std::string before, after, prefix, suffix;  // command around the marker, output around it
-  } contexts[] = {
+  // Where; the command before and after the marker; the output before and after the value.
+  const std::tuple<const char*, std::string, std::string, std::string, std::string> contexts[] = {
       {"unquoted word", print + " ", "", "", ""},
       {"unquoted in a word", print + " x", "y", "x", "y"},
       {"double quotes", print + " \"x", "y\"", "x", "y"},
@@ -119,12 +114,12 @@ TEST(CmdExec, ClearTextIsOneLiteralPieceOfItsWord) {
       {"here-document, quoted delimiter", print + " \"$(cat <<'EOF'\nx", "y\nEOF\n)\"", "x", "y"},
       {"here-document", print + " \"$(cat <<EOF\nx", "y\nEOF\n)\"", "x", "y"},
       {"here-document <<-", print + " \"$(cat <<-EOF\n\tx", "y\n\tEOF\n)\"", "x", "y"}};
-  for (const auto& c : contexts)
+  for (const auto& [where, before, after, prefix, suffix] : contexts)
     for (const std::string& value : values) {
-      SCOPED_TRACE(std::string(c.where) + ": " + value);
-      const auto run = run_program(kMessenger, {"CMD=" + c.before + Scrambled(value) + c.after});
+      SCOPED_TRACE(std::string(where) + ": " + value);
+      const auto run = run_program(kMessenger, {"CMD=" + before + Scrambled(value) + after});
       EXPECT_EQ(std::tie(run.status, run.out, run.err),
-                std::make_tuple(0, c.prefix + value + c.suffix + '\0', ""s));
+                std::make_tuple(0, prefix + value + suffix + '\0', ""s));
     }
 }
 
@@ -151,24 +146,22 @@ TEST(CmdExec, ShellShowsNoClearText) {
 // Without /proc or room for a script file the command line carries it; stdin is never the script.
 TEST(CmdExec, WithoutAScriptFileTheCommandLineCarriesIt) {
   if (kSanitizerBuild) GTEST_SKIP() << "sanitizer run times need /proc and room to write";
-  const struct {
-    std::vector<std::string> launch;
-    std::string command, input, out;  // `out` empty: no output can be written
-  } cases[] = {
+  // Launcher, command, input, output (empty: no output can be written).
+  const std::tuple<std::vector<std::string>, std::string, std::string, std::string> cases[] = {
       {{"/usr/bin/unshare", "-rm", "sh", "-c", "mount -t tmpfs none /proc && exec \"$0\" \"$@\""},
        bin_path("qx_test_print_args") + " " + Scrambled("a b;c"),
        "",
        "a b;c"s + '\0'},
       {{"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 0; exec \"$0\" \"$@\""}, "true", "false\n", ""}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.launch[0]);
-    std::vector<std::string> args(c.launch.begin() + 1, c.launch.end());
-    args.insert(args.end(), {kMessenger, "TRC=1", "CMD=" + c.command});
-    const auto run = run_program(c.launch[0], args, 30, c.input);
-    if (run.status != 0 && run.out.empty() && !c.out.empty()) continue;  // no user namespace
+  for (const auto& [launch, command, input, out] : cases) {
+    SCOPED_TRACE(launch[0]);
+    std::vector<std::string> args(launch.begin() + 1, launch.end());
+    args.insert(args.end(), {kMessenger, "TRC=1", "CMD=" + command});
+    const auto run = run_program(launch[0], args, 30, input);
+    if (run.status != 0 && run.out.empty() && !out.empty()) continue;  // no user namespace
     EXPECT_TRUE(
-        run.status == 0 && run.err.empty() && run.out.find(c.out) != std::string::npos &&
-        (c.out.empty() || run.out.find("no descriptor path for the script") != std::string::npos))
+        run.status == 0 && run.err.empty() && run.out.find(out) != std::string::npos &&
+        (out.empty() || run.out.find("no descriptor path for the script") != std::string::npos))
         << run.status << run.err << run.out;
   }
 }
@@ -191,12 +184,7 @@ TEST(ScrambleTool, ScramblesStandardInputAndReadsItBack) {
 TEST(ScrambleTool, RefusalsGoToStandardOutput) {
   // One block with its terminator: no random padding, so a wrong key always reads the same.
   const std::string seven = Scrambled("1234567"), other = Scrambled("abcdefg");
-  const struct {
-    std::vector<std::string> args;
-    std::string input;
-    int status;
-    std::string says;
-  } cases[] = {
+  const std::tuple<std::vector<std::string>, std::string, int, std::string> cases[] = {
       {{"secret-on-the-command-line"}, "", 2, "qx_scramble"},
       {{"-x"}, "", 2, "qx_scramble"},
       {{"-k"}, "", 2, "qx_scramble"},
@@ -212,11 +200,11 @@ TEST(ScrambleTool, RefusalsGoToStandardOutput) {
       {{"-h"}, "", 0, "qx_scramble"},
       {{"--help"}, "", 0, "qx_scramble"},
       {{"--version"}, "", 2, "qx_scramble"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.args.empty() ? c.input.substr(0, 20) : c.args[0]);
-    const auto run = run_program(kTool, c.args, 30, c.input);
-    EXPECT_TRUE(run.status == c.status && run.err.empty()) << run.status << run.err;
-    EXPECT_NE(run.out.find(c.says), std::string::npos) << run.out;
+  for (const auto& [args, input, status, says] : cases) {
+    SCOPED_TRACE(args.empty() ? input.substr(0, 20) : args[0]);
+    const auto run = run_program(kTool, args, 30, input);
+    EXPECT_TRUE(run.status == status && run.err.empty()) << run.status << run.err;
+    EXPECT_NE(run.out.find(says), std::string::npos) << run.out;
     EXPECT_EQ(run.out.find("1234567"), std::string::npos) << run.out;
   }
   // A write that fails (a full disk) is a failure, in both directions.
