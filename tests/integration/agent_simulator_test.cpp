@@ -52,17 +52,14 @@ TEST(AgentSimulator, ExitsAfterCountEvents) {
   ASSERT_EQ(sim.lines().size(), 3u);
   EXPECT_TRUE(has(sim.lines()[2], "file='/tmp/job.out'")) << sim.lines()[2];
 }
-
 void expect_served(int port) {  // a messenger run against `port` delivers its event at once
   const RunResult run =
       run_messenger(port, {"TYP=E", "JNR=5", "RET=4", "RETRY=1", "TIMEOUT=5", "TRC=1"}, 8);
   EXPECT_TRUE(run.status == 4 && has(run.out, "ended normally") && run.secs < 4.0) << run.out;
 }
-
 Bytes meld_frame(int job) {
   return nat_frame("JPAKTJ_R", meld_body(276, 0, job, 'R', 57));
 }
-
 bool prints_line(const Simulator& sim, const std::string& part) {  // within 5 seconds
   for (long long end = now_ms() + 5000; now_ms() < end; usleep(5000))
     for (const std::string& l : sim.lines())

@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -24,18 +25,15 @@ inline long long now_ms() {
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
 }
-
 inline std::string bin_path(const char* name) {  // a program of this build
   return std::string(QX_BIN_DIR) + "/" + name;
 }
-
 inline int temp_file(const std::string& text = "") {
   char path[] = "/tmp/qx_run_XXXXXX";
   const int fd = mkostemp(path, O_CLOEXEC);
   unlink(path);
   return pwrite(fd, text.data(), text.size(), 0) == ssize_t(text.size()) ? fd : -1;
 }
-
 inline std::string read_all(int fd) {
   std::string text;
   char buf[65536];
@@ -63,7 +61,6 @@ inline constexpr bool kSanitizerBuild = true;
 #else
 inline constexpr bool kSanitizerBuild = false;
 #endif
-
 // Peak resident memory in KiB since start or reset_peak_memory; -1 when unknown.
 inline long peak_memory_kb() {
   const int fd = open("/proc/self/status", O_RDONLY | O_CLOEXEC);
@@ -89,10 +86,8 @@ struct RunResult {
 inline constexpr int kClosedFd = -2;  // in `fds` of spawn: closed in the child
 // Starts `args[0]` with `fds` as its standard input, output and error (-1: inherited).
 inline pid_t spawn(std::vector<std::string> args, const std::vector<int>& fds) {
-  std::vector<char*> argv;
-  for (auto& a : args)
-    argv.push_back(a.data());
-  argv.push_back(nullptr);
+  std::vector<char*> argv(args.size() + 1);  // null-terminated
+  std::transform(args.begin(), args.end(), argv.begin(), [](std::string& a) { return a.data(); });
   const pid_t pid = fork();
   if (pid == 0) {
     for (int i = 0; i < 3; i++) {
@@ -104,7 +99,6 @@ inline pid_t spawn(std::vector<std::string> args, const std::vector<int>& fds) {
   }
   return pid;
 }
-
 // Waits for the child until `deadline` (of now_ms); false when it still runs.
 inline bool reap(pid_t pid, long long deadline, int* st, long* max_rss_kb = nullptr) {
   rusage ru{};
