@@ -7,7 +7,6 @@
 #include "support/agent.h"
 
 namespace {
-
 using namespace agent_test;
 
 bool has(const std::string& text, const std::string& part) {
@@ -154,8 +153,7 @@ TEST(AgentSimulator, ForgedInternalFramesDropTheSender) {
                          ipc_notice("CHANNEL_CLOSE", 1), ipc_notice("CHANNEL_CLOSE", 2),
                          ipc_notice("ROUTENAT", 2)}) {
     SCOPED_TRACE(std::string(f.begin() + 48, f.begin() + 62));
-    int p = sim.port();
-    const int attacker = loopback_socket(&p, false);
+    const int attacker = loopback_socket(&(port = sim.port()), false);
     ASSERT_TRUE(read_frame(attacker, &greeting));
     write_all(attacker, f);
     EXPECT_TRUE(wait_eof(attacker, 5000));
@@ -220,5 +218,4 @@ TEST(AgentValgrind, WholeRunsLeaveNothing) {
     if (HasFailure()) break;
   }
 }
-
 }  // namespace

@@ -7,7 +7,6 @@
 #include "support/process.h"
 
 namespace {
-
 using qxtest::bin_path;
 
 // A lone -V names argv[0]; none, "--help" or "-h" alone print the usage; all else is a run.
@@ -46,8 +45,7 @@ TEST(Report, EveryEventKindByteForByte) {
     high += static_cast<char>(b);
   // {DT} masks dd.mm.yyyy / hh:mm:ss and {STAMP} yyyymmdd/hhmmss.mmm in the output.
   const std::regex dt(R"(\d\d\.\d\d\.\d{4} / \d\d:\d\d:\d\d)"), stamp(R"(\d{8}/\d{6}\.\d{3})");
-  char pid[16];
-  snprintf(pid, sizeof pid, "%010i", static_cast<int>(getpid()));
+  const std::string pid = std::to_string(10000000000LL + getpid()).substr(1);  // ten digits
   const auto framed = [](const std::string& event, const std::string& detail) {
     const std::string line(72, '*');
     return line + "\n**  qx_jpmd    version 12.2.0+build.2108        changelist 1530016094 **\n" +
@@ -110,5 +108,4 @@ TEST(Report, EveryEventKindByteForByte) {
     if (HasFailure()) break;
   }
 }
-
 }  // namespace

@@ -8,7 +8,6 @@
 #include "support/process.h"
 
 namespace {
-
 using namespace qxtest;
 using namespace std::string_literals;
 
@@ -213,5 +212,4 @@ TEST(ScrambleTool, RefusalsGoToStandardOutput) {
     close(full);
   }
 }
-
 }  // namespace

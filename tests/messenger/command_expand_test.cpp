@@ -8,7 +8,6 @@
 #include "scramble/scramble.h"
 
 namespace {
-
 std::string M(const std::string& clear) {  // the scrambled value with the "--10" marker
   char text[512];
   ZUSTRNG_EnMaxim2(text, clear.c_str(), kCommandPasswordKey);
@@ -65,5 +64,4 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
     }
   }
 }
-
 }  // namespace

@@ -18,7 +18,6 @@
 #include "messenger/job_messages.h"
 
 namespace {
-
 // Each keyword's conversion, bound, cut and fallback; the last occurrence of a key wins.
 TEST(Arguments, KeywordsSetTheirFields) {
   const auto ch = [](char x) { return x != 0 ? std::string(1, x) : std::string("NUL"); };
@@ -138,5 +137,4 @@ TEST(Hooks, CommittedTablesMatchTheGenerator) {
   EXPECT_EQ(system("python3 " QX_SOURCE_DIR "/scripts/gen_codepages.py --check >/dev/null 2>&1"), 0)
       << "regenerate with python3 scripts/gen_codepages.py";
 }
-
 }  // namespace

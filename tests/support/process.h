@@ -19,7 +19,6 @@
 #include <vector>
 
 namespace qxtest {
-
 inline long long now_ms() {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -129,7 +128,6 @@ inline RunResult run_program(const std::string& program, std::vector<std::string
     close(fd);
   return run;
 }
-
 }  // namespace qxtest
 
 #endif  // QX_TESTS_SUPPORT_PROCESS_H_
