@@ -9,9 +9,7 @@
 namespace {
 using namespace agent_test;
 
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
+const auto has = [](std::string_view t, std::string_view part) { return t.find(part) != t.npos; };
 
 TEST(AgentSimulator, ModesAsTheMessengerSeesThem) {
   // Mode, a line of the messenger's trace, whether the event is printed, the least run time.
@@ -56,9 +54,7 @@ void expect_served(int port) {  // a messenger run against `port` delivers its e
       run_messenger(port, {"TYP=E", "JNR=5", "RET=4", "RETRY=1", "TIMEOUT=5", "TRC=1"}, 8);
   EXPECT_TRUE(run.status == 4 && has(run.out, "ended normally") && run.secs < 4.0) << run.out;
 }
-Bytes meld_frame(int job) {
-  return nat_frame("JPAKTJ_R", meld_body(276, 0, job, 'R', 57));
-}
+const auto meld_frame = [](int n) { return nat_frame("JPAKTJ_R", meld_body(276, 0, n, 'R', 57)); };
 bool prints_line(const Simulator& sim, const std::string& part) {  // within 5 seconds
   for (long long end = now_ms() + 5000; now_ms() < end; usleep(5000))
     for (const std::string& l : sim.lines())
