@@ -129,11 +129,4 @@ TEST(Hooks, SwapcodeTables) {
   EXPECT_LT(without_counterpart, 64);
 }
 
-// The committed tables are what the generator makes of the system's iconv code pages today.
-TEST(Hooks, CommittedTablesMatchTheGenerator) {
-  if (system("command -v python3 >/dev/null 2>&1 && command -v iconv >/dev/null 2>&1") != 0)
-    GTEST_SKIP() << "python3 or iconv missing";
-  EXPECT_EQ(system("python3 " QX_SOURCE_DIR "/scripts/gen_codepages.py --check >/dev/null 2>&1"), 0)
-      << "regenerate with python3 scripts/gen_codepages.py";
-}
 }  // namespace
