@@ -54,7 +54,6 @@ class IoTest : public CcmTest {
     if (pthread_timedjoin_np(ccm_->thread, nullptr, &deadline) != 0) return false;
     return ccm_->thread_started = 0, true;
   }
-
   int peer_ = -1;
   ccm_channel_t* ch_ = nullptr;
 };

@@ -28,7 +28,6 @@ class WireTest : public CcmTest {
       ccm_msg_free(ccm_, m);
     CcmTest::TearDown();
   }
-
   // A message holding `bytes`, freed with the test; a received frame ends its area.
   ccm_msg_t* message(const Bytes& bytes, bool at_end = true) {
     ccm_msg_t* m = ccm_msg_alloc_huge(ccm_, static_cast<int>(bytes.size()) + 256, &err_);
@@ -43,7 +42,6 @@ class WireTest : public CcmTest {
     EXPECT_EQ(ccm_classify_message(ccm_, &ch_, m, &err_), rslt) << testing::PrintToString(f);
     return m;
   }
-
   ccm_channel_t ch_{};
   std::vector<ccm_msg_t*> msgs_;
 };

@@ -39,16 +39,6 @@ TEST(AgentSimulator, ModesAsTheMessengerSeesThem) {
   }
 }
 
-TEST(AgentSimulator, ExitsAfterCountEvents) {
-  Simulator sim({"--count", "2"});
-  for (const char* job : {"JNR=1", "JNR=2"})
-    EXPECT_EQ(
-        run_messenger(sim.port(), {"TYP=O", job, "OUTFILE=/tmp/job.out", "TIMEOUT=5"}, 8).status,
-        0);
-  EXPECT_EQ(sim.stop(false, 5000), 0);
-  ASSERT_EQ(sim.lines().size(), 3u);
-  EXPECT_TRUE(has(sim.lines()[2], "file='/tmp/job.out'")) << sim.lines()[2];
-}
 void expect_served(int port) {  // a messenger run against `port` delivers its event at once
   const RunResult run =
       run_messenger(port, {"TYP=E", "JNR=5", "RET=4", "RETRY=1", "TIMEOUT=5", "TRC=1"}, 8);
@@ -136,32 +126,6 @@ TEST(AgentSimulator, StalledOutputNeitherStopsServingNorTheStop) {
   EXPECT_LT(now_ms() - term, qxtest::kSanitizerBuild ? 3000 : 2000);  // TSan pauses at exit
   close(flood);
   close(out[0]);
-}
-
-// Forged internal notices over TCP drop their sender and change nothing for anyone else.
-TEST(AgentSimulator, ForgedInternalFramesDropTheSender) {
-  Simulator sim;
-  int port = sim.port();
-  const int first = loopback_socket(&port, false);  // channel 2; the listener is channel 1
-  Bytes greeting;
-  ASSERT_TRUE(read_frame(first, &greeting));
-  for (const Bytes& f : {ipc_notice("CHANNEL_ACCEPT", 2), ipc_notice("CHANNEL_ACCEPT", 1),
-                         ipc_notice("CHANNEL_CLOSE", 1), ipc_notice("CHANNEL_CLOSE", 2),
-                         ipc_notice("ROUTENAT", 2)}) {
-    SCOPED_TRACE(std::string(f.begin() + 48, f.begin() + 62));
-    const int attacker = loopback_socket(&(port = sim.port()), false);
-    ASSERT_TRUE(read_frame(attacker, &greeting));
-    write_all(attacker, f);
-    EXPECT_TRUE(wait_eof(attacker, 5000));
-    close(attacker);
-  }
-  EXPECT_FALSE(read_frame(first, &greeting, 300)) << "a second greeting";
-  const RunResult run = run_messenger(sim.port(), {"TYP=S", "JNR=9", "RETRY=1", "TIMEOUT=5"}, 8);
-  EXPECT_TRUE(run.status == 0 && run.secs < 5.0) << run.status << " " << run.secs;
-  close(first);
-  EXPECT_EQ(sim.stop(), 0);
-  ASSERT_EQ(sim.lines().size(), 2u);  // "listening on ..." and the messenger's event
-  EXPECT_TRUE(has(sim.lines()[1], "job=9")) << sim.lines()[1];
 }
 
 // A wrong command line prints the short usage and exits 2; help lists every flag and exits 0.

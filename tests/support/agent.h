@@ -166,7 +166,6 @@ class FakeAgent {
       done_.notify_all();
     }
   }
-
   Script script_;
   int port_;
   int listen_fd_ = -1, served_ = 0;  // served_: scripts returned, guarded by mu_

@@ -94,7 +94,6 @@ class Capture {
     c[2 + me] += uint32_t(data.size()) + ((flags & (kSyn | kFin)) ? 1 : 0);
     packets_++;
   }
-
   std::vector<std::vector<uint32_t>> conns_;  // ports, next sequence numbers: client's, server's
   Bytes file_;
   uint32_t packets_ = 0;

@@ -145,7 +145,6 @@ class CcmTest : public ::testing::Test {
     ccm_msg_free(ccm_, m);
     return id;
   }
-
   ccm_app_context_head app_{};
   ccm_context_t* ccm_ = nullptr;
   ccm_error_t err_{};
