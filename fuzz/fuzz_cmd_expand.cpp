@@ -110,8 +110,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       case 4: {
         // Shell syntax around the markers.
         static constexpr const char* kSyntax[] = {
-            "'", "\"", "\\", "$", "$(", "$((", "${", ")", "))", "}", "`", "#", "\n",
-            "<<EOF\n", "<<'EOF'\n", "<<-E\n", "\nEOF\n", "\n\tE\n", "<<<", ";", "(", "\t"};
+            "'",       "\"",      "\\",  "$", "$(", "$((",     "${",        ")",
+            "))",      "}",       "`",   "#", "\n", "<<EOF\n", "<<'EOF'\n", "<<-E\n",
+            "\nEOF\n", "\n\tE\n", "<<<", ";", "(",  "\t"};
         piece = kSyntax[in.ConsumeIntegralInRange<size_t>(0, std::size(kSyntax) - 1)];
         break;
       }
