@@ -46,11 +46,10 @@ TEST(MemoryDeathTest, RunningOutOfMemory) {
   GTEST_SKIP() << "sanitizer runtimes reserve terabytes of address space";
 #endif
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  constexpr size_t kTooMuch = 256u << 20;
   EXPECT_EXIT(
       {
         LowerAddressSpace();
-        MemAllocRetArea(kTooMuch);
+        MemAllocRetArea(256u << 20);
       },
       testing::ExitedWithCode(1),
       "\nerror on calloc\\(\\)-call, MemAllocRetArea\\(\\), 'Cannot allocate memory'\n$");

@@ -115,6 +115,7 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"cat <<-E\nx\n" + Scrambled("\ty"), nullptr},
       {"\\" + Scrambled("\ny"), nullptr},
       {"cat <<" + Scrambled("ab"), nullptr},
+      {"cat <<E\n" + Scrambled("E"), nullptr},  // a last line that is the delimiter
       {"cat << " + Scrambled("ab"), nullptr},
   };
   for (const auto& [command, wanted] : cases) {
