@@ -85,9 +85,8 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
   EXPECT_EQ(run_program(kMessenger, {"TYP=S", "cmd=printf done", "TRC=1"}).out, "done");
 }
 
-// The exact text for the shell; an area too small at any step refused and wiped.
+// The exact text for the shell (null: refused); an area too small at any step refused, wiped.
 TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
-  // The command and the text handed to the shell, or null: refused.
   const std::pair<std::string, const char*> cases[] = {
       {"x\\", "x\\"},
       {"cat <<", "cat <<"},
@@ -108,6 +107,7 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"cat <<E\nx\\" + Scrambled("a$b"), "cat <<E\nx\\\\a\\$b"},
       {"cat <<E\nx\nE", "cat <<E\nx\nE"},
       {"${x:-y} " + Scrambled("a b"), "${x:-y} 'a b'"},
+      {"$((1+" + Scrambled("12") + "))", "$((1+12))"},
       {"cat <<'E'\n" + Scrambled("a$b"), "cat <<'E'\na$b"},
       {"# " + Scrambled("a b"), "# a b"},
       {"$" + Scrambled("a b"), nullptr},
