@@ -293,6 +293,7 @@ TEST(Trcdump, HeadingShortLinesAndRepeats) {
 
 TEST(Log, FormatsAndHandsToTheCurrentLogger) {
   static std::vector<std::pair<int, std::string>> logged;
+  logged.clear();       // a repeated run starts empty
   __log(1, "dropped");  // the starting logger drops every event
   auto record = [](int nr, const char* insert) { return logged.emplace_back(nr, insert), 0; };
   EXPECT_EQ(__log_set_logger(record), 0);
