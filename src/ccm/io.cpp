@@ -164,31 +164,54 @@ ccm_msg_t* frame_message(ccm_context_t* ccm, ccm_channel_t* ch, const unsigned c
   return msg;
 }
 
-// Hands a classified message to the application: counted among the channel's unread ones,
-// appended to the receive queue and announced on the processor wake-up pipe.
-void deliver(ccm_context_t* ccm, ccm_channel_t* ch, ccm_msg_t* msg) {
-  count_unread(ch, msg);
-  {
-    ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
-    ccm_queue_unlink(ccm->msgq_inuse, msg);
-    ccm_queue_append(ccm->recvq, msg);
+// The classified messages of one read, held back until the read is cut into frames. They
+// reach the receive queue together, so a reader that takes the first one finds the others of
+// the same read behind it: frames a peer wrote in one piece never look like later ones.
+struct read_batch {
+  ccm_msg_queue_t msgs{};
+
+  // Takes `msg` out of the messages in use (it is the network thread's until delivered).
+  void add(ccm_context_t* ccm, ccm_channel_t* ch, ccm_msg_t* msg) {
+    count_unread(ch, msg);
+    {
+      ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
+      ccm_queue_unlink(ccm->msgq_inuse, msg);
+    }
+    ccm_queue_append(msgs, msg);
   }
-  ccm_wakeup_processor(ccm);
-}
+  // Appends the held messages to the receive queue in one step and announces them once.
+  void deliver(ccm_context_t* ccm) {
+    if (msgs.head == nullptr) return;
+    {
+      ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
+      if (ccm->recvq.head == nullptr) {
+        ccm->recvq.head = msgs.head;
+      } else {
+        ccm->recvq.tail->nxt = msgs.head;
+      }
+      ccm->recvq.tail = msgs.tail;
+    }
+    msgs = {};
+    ccm_wakeup_processor(ccm);
+  }
+};
 
 // The frames complete in the receive buffer, each classified and delivered; the rest moves to
 // the front of the buffer. 0, or -1 when a frame was invalid (the channel is deleted) or no
 // message could be had for one (the channel stays and its frames wait for the next read).
+// Frames before an invalid one are delivered ahead of the channel's close notice.
 int cut_frames(ccm_context_t* ccm, ccm_channel_t* ccmch, passed_descriptors& passed,
                ccm_error_t* ccmerr) {
   int left = ccmch->recv_pos;
   unsigned char* cursor = ccmch->recv_buffer;
+  read_batch batch;
   while (left > CCM_LENGTH_VISIBLE) {
     QX_TRACE("%s:      datalen_in_buffer = %d", kReadFn, left);
     // The announced length is checked before anything is done for it: a frame that could
     // never be valid ends the channel at once instead of letting the buffer grow towards it.
     const int len = ccm_get_valid_msg_length(ccm, ccmch, cursor, ccmerr);
     if (len < 0) {
+      batch.deliver(ccm);
       passed.close_unless_taken();
       ccm_channel_delete(ccm, ccmch);
       QX_TRACE("%s <-- (invalid message length)", kReadFn);
@@ -203,12 +226,14 @@ int cut_frames(ccm_context_t* ccm, ccm_channel_t* ccmch, passed_descriptors& pas
       // Frames already queued must not be queued again by the next read: the unconsumed rest
       // goes to the front now. The channel stays; its remaining frames are cut out at its next
       // read.
+      batch.deliver(ccm);
       keep_rest(ccmch, cursor, left);
       passed.close_unless_taken();
       QX_TRACE("%s <-- (msg alloc error, message queue)", kReadFn);
       return -1;
     }
     if (ccm_classify_message(ccm, ccmch, msg, ccmerr) != 0) {
+      batch.deliver(ccm);
       ccm_channel_delete(ccm, ccmch);
       ccm_msg_free(ccm, msg);
       passed.close_unless_taken();
@@ -216,10 +241,11 @@ int cut_frames(ccm_context_t* ccm, ccm_channel_t* ccmch, passed_descriptors& pas
       return -1;
     }
     passed.give_to(msg);
-    deliver(ccm, ccmch, msg);
+    batch.add(ccm, ccmch, msg);
     left -= len;
     cursor += len;
   }
+  batch.deliver(ccm);
   passed.close_unless_taken();
   keep_rest(ccmch, cursor, left);
   QX_TRACE("%s <-- (datalen=%d,pos=%d)", kReadFn, left, ccmch->recv_pos);
