@@ -78,7 +78,7 @@ TEST_F(IoTest, FramesSplitAnywhereArriveWholeAndABadLengthDeletes) {
             std::tuple(-1, CCM_CHFLAG_DELETED, CCM_MSGNR_RECEIVE_ERROR, CCM_RECV_GROW_STEP));
 }
 
-// One read completes two frames and carries one descriptor: only the first message owns it.
+// A read completing two frames gives its descriptor to the first; one completing none closes it.
 TEST_F(IoTest, PassedDescriptorGoesToTheFirstFrameOfTheReadOnly) {
   int pipefd[2];
   ASSERT_EQ(pipe(pipefd), 0);
@@ -105,6 +105,13 @@ TEST_F(IoTest, PassedDescriptorGoesToTheFirstFrameOfTheReadOnly) {
   EXPECT_EQ((std::tuple{passed[1], write(passed[0], "x", 1), close(passed[0]),
                         read(pipefd[0], &byte, 1), read(pipefd[0], &byte, 1), close(pipefd[0])}),
             std::tuple(-1, 1, 0, 1, 0, 0));
+  ASSERT_EQ(pipe2(pipefd, O_NONBLOCK), 0);  // with bytes that complete no frame: closed at once
+  std::memcpy(CMSG_DATA(c), &pipefd[1], sizeof(int));
+  iov.iov_len = 10;
+  ASSERT_EQ(sendmsg(peer_, &mh, 0), 10);
+  EXPECT_EQ((std::tuple{close(pipefd[1]), ccm_read_channel(ccm_, ch_, &err_),
+                        read(pipefd[0], &byte, 1), close(pipefd[0])}),
+            std::tuple(0, 0, 0, 0));
 }
 
 // Queued messages resume after partial writes; a closed partner deletes without SIGPIPE.
