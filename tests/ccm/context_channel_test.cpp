@@ -207,7 +207,7 @@ TEST_F(ConnectTest, RefusalsBeforeAndAfterTheChannelIsMade) {
       {"127.0.0.1", 65536, "connect()|22(Invalid argument),port(65536)|"},
       {long_host.c_str(), 80, "connect()|22(Invalid argument),host(80)|"},
       {nullptr, 80, "connect()|22(Invalid argument),host(80)|"},
-      {"127.0.0.1", 80, "CREATE_CHANNEL/"}};
+      {"127.0.0.1", 65535, "CREATE_CHANNEL/"}};  // the highest port is no refusal
   for (auto [host, port, insert] : cases) {
     auto* cuc = static_cast<ccm_connect_user_context_t*>(
         ccm_alloc_default(sizeof(ccm_connect_user_context_t), "test"));  // released by the call

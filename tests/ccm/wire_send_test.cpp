@@ -59,8 +59,10 @@ TEST(FrameLength, OnlyEightDigitsWithinBoundsAreAccepted) {
 TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
   ccm_msg_t* m = message("", false);
   char hello[] = "hello", big[256] = {};
+  ccm_msg_write_native_data(m, 4, big, 255);
   ccm_msg_write_native_data(m, 7, hello, 5);  // other keys and over-long data write nothing
   ccm_msg_write_native_data(m, 4, big, 256);
+  EXPECT_EQ(text(m), "\x04\xFF" + std::string(255, '\0'));
   EXPECT_EQ(ccm_msg_write_native_data(m, 4, hello, 5), nullptr);
   EXPECT_EQ(text(m), "\x04\x05hello");
   for (auto [len, rslt] : {std::pair{-1, -1}, {100000000, -1}, {99999999, 0}}) {  // 8 digits

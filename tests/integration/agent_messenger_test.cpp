@@ -249,8 +249,7 @@ TEST(AgentMessenger, HowTheJobStartedTheRun) {
   close(broken[1]);
 }
 
-// A frame written with the greeting is no reply: every run waits for the real one. A reset right
-// after the greeting (on read or on write, no SIGPIPE) ends the run with the job's code.
+// A frame sent with the greeting is never the reply; a reset after the greeting ends with RET.
 TEST(AgentMessenger, RepeatedRunsAtTheEdges) {
   std::atomic<int> ok{0}, waited{0};
   const FakeAgent::Script behind = [&](FakeAgent&, int& fd, int) {

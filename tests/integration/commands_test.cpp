@@ -106,7 +106,7 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"\"x\\" + Scrambled("a$b"), "\"x\\\\\"'a$b'\""},
       {"cat <<E\nx\\" + Scrambled("a$b"), "cat <<E\nx\\\\a\\$b"},
       {"cat <<E\nx\nE", "cat <<E\nx\nE"},
-      {"${x:-y} " + Scrambled("a b"), "${x:-y} 'a b'"},
+      {"${x:-y}`y` " + Scrambled("a b"), "${x:-y}`y` 'a b'"},
       {"$((1+" + Scrambled("12") + "))", "$((1+12))"},
       {"cat <<'E'\n" + Scrambled("a$b"), "cat <<'E'\na$b"},
       {"# " + Scrambled("a b"), "# a b"},

@@ -193,8 +193,7 @@ inline RunResult run_messenger(int port, std::vector<std::string> args, int limi
   return run_program(bin_path("qx_jpmd"), args, limit_secs);
 }
 
-// qx_agentsim on a free loopback port, its output in a file read back by lines, or in the
-// pipe `out_pipe`, of which only the first line is read.
+// qx_agentsim on a free loopback port; its output goes to a file, or to `out_pipe` (1st line read).
 class Simulator {
  public:
   explicit Simulator(std::vector<std::string> args = {}, const int* out_pipe = nullptr)
