@@ -43,7 +43,9 @@ TEST(GetWordDelimited, ModesAndLimits) {
     EXPECT_TRUE(n != -2 || rest.find_first_not_of('\0', strlen(want)) == rest.npos) << src;
   }
   char dst[4] = "ab";
-  EXPECT_EQ(get_word_delimited(nullptr, '=', 1, dst, 4), 0);  // no text: an empty word
+  EXPECT_EQ(std::pair(get_word_delimited(nullptr, '=', 1, dst, 4),
+                      get_word_delimited("a", '=', 1, dst, 0)),
+            std::pair(0, 0));  // no text: an empty word; no area: nothing
   EXPECT_STREQ(dst, "");
 }
 
@@ -90,10 +92,12 @@ TEST(Blanks, StripAndFixedFields) {
   std::string got = GetStringTh("ab   xyz", 8, value, sizeof value);
   got += std::string("|") + GetStringTh("abcdefgh", 8, value, sizeof value);
   EXPECT_EQ(got + "|" + GetStringTh("abcdefgh", 8, value, 1),
-            "ab|abcde|");  // the last has room for the terminator only
-  fix_len_reorg2(h, 4);    // no blank to drop: still terminated inside the field
-  fix_len_reorg2(h, 0);    // an empty field stays as it is
-  EXPECT_STREQ(h, "wxy");
+            "ab|abcde|");     // the last has room for the terminator only
+  fix_len_reorg2(h, 4);       // no blank to drop: still terminated inside the field
+  fix_len_reorg2(h, 0);       // an empty field stays as it is
+  char word[] = "  ab c\0z";  // the first word, padded; no field or a negative length: nothing
+  fix_len_reorg(word, 6), fix_len_reorg(word + 6, -1), fix_len_reorg2(word + 6, -1);
+  EXPECT_EQ(std::string(h) + "|" + std::string(word, 8), "wxy|ab    \0z"s);
   char text[] = "aZ\x80\xe4z-1";  // only ASCII letters change case, within the length
   ToUpperCase(text, 3);
   EXPECT_STREQ(text, "AZ\x80\xe4z-1");
@@ -123,7 +127,8 @@ TEST(Matching, MasksAndWildcards) {
   EXPECT_EQ(strMatchPtr(s, mask, '*', '?'), s + 7);
   EXPECT_STREQ(mask, "*middle*");  // the mask is left as it was
   EXPECT_EQ(strMatchPtr(s, "*middle", '*', '?'), nullptr);
-  EXPECT_EQ(strcstr(s, "m?d", '?'), s + 7);
+  EXPECT_EQ(std::pair(strcstr(s, "m?d", '?'), strMatchPtr(s, "prefix.middle.suff?x", '*', '?')),
+            std::pair(s + 7, s));
 }
 
 TEST(TextHelpers, HexStringAndEnvironment) {
@@ -132,6 +137,7 @@ TEST(TextHelpers, HexStringAndEnvironment) {
   GetHexString(bytes, sizeof bytes, out, sizeof out);
   EXPECT_EQ(out, "'4D454C44 01'" + std::string(27, ' ') + ">MELD.<");
   GetHexString(bytes, sizeof bytes, small, sizeof small);
+  GetHexString(bytes, sizeof bytes, small + 1, 0);  // no area: nothing written
   EXPECT_STREQ(small, "'4D45");
   const std::string many(600, '\xAB');
   GetHexString(reinterpret_cast<const unsigned char*>(many.data()), 600, big, sizeof big);
