@@ -47,7 +47,7 @@ TEST_F(MessageTest, FailedAllocationsChangeNothing) {
   ccm_context_t* other = nullptr;
   EXPECT_EQ((FailAllocations("CCM_OPEN"), ccm_open(nullptr, &other, &err_)), -1);
   EXPECT_EQ((std::tuple{other, err_.msgnr}), std::tuple(nullptr, 3301));
-  EXPECT_EQ(ccm_close(nullptr, &err_), 0);
+  EXPECT_EQ(ccm_close(nullptr, &err_) + ccm_session_close(nullptr, &err_), 0);
   ccm_msg_free(ccm_, ccm_msg_alloc(ccm_, &err_));
   FailAllocations fail("CCMMSG");
   for (int size : {1000, CCM_MSG_POOL_SIZE}) {  // the second empties the pool first
@@ -147,7 +147,7 @@ TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
     if (!held) pthread_spin_unlock(&ccm_->channel_lock);
     EXPECT_EQ((std::tuple{r, held}), std::tuple(c.found ? c.target : nullptr, c.found))
         << "case " << (&c - cases);
-    if (r != nullptr) ccm_channel_unlock(ccm_);
+    EXPECT_EQ(r != nullptr ? ccm_channel_unlock(ccm_) : 0, 0);
   }
   EXPECT_EQ(ccm_channel_getbyName(ccm_, nullptr), nullptr);
   EXPECT_EQ(ccm_channel_existbyID(ccm_, waiting->ID) + ccm_channel_existbyID(ccm_, deleted->ID), 1);

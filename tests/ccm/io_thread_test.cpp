@@ -82,7 +82,9 @@ TEST_F(IoTest, FramesSplitAnywhereArriveWholeAndABadLengthDeletes) {
 TEST_F(IoTest, PassedDescriptorGoesToTheFirstFrameOfTheReadOnly) {
   int pipefd[2];
   ASSERT_EQ(pipe(pipefd), 0);
+  EXPECT_EQ((FailAllocations("CCMMSG"), send_file_descriptor(ccm_, "", pipefd[1], 5, 6, "")), -1);
   ASSERT_EQ(send_file_descriptor(ccm_, ch_->name, pipefd[1], 5, 6, "JOBOUTPUT"), 0);  // queued
+  EXPECT_STREQ(ccm_->sendq.tail->addr.dst_addr, ch_->name);
   const std::string both = ipc_frame(60, 1) + ipc_frame(70, 2);
   alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))] = {};
   iovec iov{const_cast<char*>(both.data()), both.size()};
@@ -211,7 +213,7 @@ TEST_F(IoTest, FloodOfSmallFramesIsHeldAtTheUnreadBound) {
   ccm_msg_t* notice = ccm_msg_alloc(ccm_, &err_);
   std::strcpy(reinterpret_cast<char*>(notice->msg_start), "NOTICE");
   notice->len = 16;
-  send_IPC_internal(ccm_, notice);
+  EXPECT_EQ(send_IPC_internal(ccm_, notice), 0);
   EXPECT_LT(Clock::now() - t0, 1s);
   long long received = 0;
   while (ccm_msg_t* m = next_message()) {
@@ -227,6 +229,7 @@ TEST_F(IoTest, FloodOfSmallFramesIsHeldAtTheUnreadBound) {
 TEST_F(IoTest, PersistentSelectFailureEndsTheThreadWithItsErrorLogged) {
   logged.clear();
   __log_set_logger(record_log);
+  EXPECT_EQ(ccm_network_select(ccm_, 0, &err_), 0);  // an idle cycle is no failure
   ccm_channel_t* bogus = new_channel();
   bogus->s = dup(0);  // a number in the descriptor table that is closed again at once
   close(bogus->s);

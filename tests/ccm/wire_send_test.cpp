@@ -174,6 +174,13 @@ TEST_F(WireTest, NativeGssAndIpcFramesGetTheirHeaders) {
               std::tuple(msgs_.front(), c.type, 1, c.frame));
     ccm_msg_free(ccm_, ccm_queue_pop(ccm_->sendq));
   }
+  ccm_msg_t* r = ccm_msg_alloc(ccm_, &err_);  // to *SERVER in a routed mode: wrapped, freed
+  std::strcpy(r->addr.dst_addr, "*SERVER");
+  std::memcpy(r->msg_start, "hi", r->len = 2);
+  ASSERT_EQ(send_NAT_message(ccm_, r), 0);
+  const Bytes routed = text(ccm_->sendq.head);
+  EXPECT_EQ(routed.substr(48, 8) + routed.substr(routed.size() - 2), "ROUTENAThi");
+  ccm_msg_free(ccm_, ccm_queue_pop(ccm_->sendq));
   ccm_msg_t* m = message("abc", false);  // without head room the message stays with the caller
   m->msg_start = m->buffer1 + 20;
   EXPECT_EQ(send_native_message(ccm_, m), -1);
