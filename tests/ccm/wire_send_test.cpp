@@ -93,8 +93,7 @@ TEST_F(WireTest, NativeKeysGiveTypeZeroWithTheirDataAtTheStartOfTheBuffer) {
   EXPECT_STREQ(classified(frame(entry1(1, "  AB    ") + entry1(4, d)))->addr.dst_name, "AB");
 }
 
-// Hostile bodies are refused without reading past the frame; IPC frames are taken unparsed from
-// trusted partners only, and never as the process's own notices.
+// Hostile bodies refused, nothing read past the frame; IPC frames only from trusted partners.
 TEST_F(WireTest, HostileAndInternalFramesAreRefusedUnlessTrusted) {
   const struct {
     Bytes frame;

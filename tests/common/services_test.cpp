@@ -132,8 +132,7 @@ TEST(ByteOrder, BothHostOrdersAndInPlaceConverters) {
     EXPECT_EQ(out, field) << host_is_little << out.size();
   }
   int one = 1;
-  CNV_X(&one, sizeof one);
-  const Bytes swapped = BytesOf(one);
+  const Bytes swapped = (CNV_X(&one, sizeof one), BytesOf(one));
   CNV_Int(&one, sizeof one);
   EXPECT_EQ(Bytes("\0\0\0\1\0\0\0\1", 8), swapped + BytesOf(one));
 }
@@ -149,9 +148,7 @@ TEST(Arithmetic64, SignedComparisonsAndExtension) {
             std::make_tuple(MyGt4(&i_p1, &i_m1), MyGt4(&i_p1, &i_p1), MyLe4(&i_m1, &i_p1),
                             MyLe4(&i_p1, &i_m1), MyLe4(&i_p1, &i_p1)));
   long long after4 = 0, after8 = 0, wrapped = LLONG_MAX;
-  MyAddFrom4(&after4, -1);
-  myAdd8(&after8, 0xFFFFFFFFu);
-  MyAddFrom8(&wrapped, &p1);
+  MyAddFrom4(&after4, -1), myAdd8(&after8, 0xFFFFFFFFu), MyAddFrom8(&wrapped, &p1);
   EXPECT_EQ(std::make_tuple(-1LL, 4294967295LL, LLONG_MIN),
             std::make_tuple(after4, after8, wrapped));
 }
@@ -197,8 +194,7 @@ TEST(Ebcdic, KnownPairsAndRoundTripOverAllBytes) {
     EXPECT_EQ(ascii, text);
   }
   char text[] = "abc";
-  ToEbcdic(text, 0);
-  ToAscii(text, -1);
+  ToEbcdic(text, 0), ToAscii(text, -1);
   EXPECT_STREQ("abc", text);
   const std::map<int, int> kBack = {
       {0x13, 0x12}, {0x7F, 7}, {0xC4, '['}, {0xD6, '\\'}, {0xDC, ']'}};
@@ -242,9 +238,9 @@ TEST(CodeTab, SetCodeTabAndAreaConv) {
   const char in[3] = {'a', '\xE4', 'z'};  // exactly three readable bytes
   char out[4] = {0, 0, 0, '#'};
   char same[] = "mixed Text";
-  EXPECT_EQ(std::make_pair(3, 10),
-            std::make_pair(AreaConv(out, in, 3, upper), AreaConv(same, same, 10, upper)));
-  EXPECT_EQ(0, AreaConv(same, same, -3, upper));
+  EXPECT_EQ(std::make_tuple(3, 10, 0),
+            std::make_tuple(AreaConv(out, in, 3, upper), AreaConv(same, same, 10, upper),
+                            AreaConv(same, same, -3, upper)));
   EXPECT_EQ("A\xE4Z#|MIXED TEXT", Bytes(out, 4) + "|" + same);
 }
 
@@ -260,14 +256,12 @@ TEST(ProtocolHeader, LengthFieldAndFourByteCopy) {
   EXPECT_EQ(SetProtocolLength(h, 100000000), 100000000);  // does not fit: field left alone
   EXPECT_EQ(SetProtocolLength(h, -1), -1);
   EXPECT_EQ(Bytes(reinterpret_cast<char*>(h), 18), "00000339QX7:global");
-  memcpy(h, "0012x999", 8);  // leading digits only, as atoi reads them
-  EXPECT_EQ(GetProtocolLength(h), 12);
-  h[kProtoEyeCatchOffset] = 'q';
-  EXPECT_EQ(GetProtocolLength(h), 0);
+  EXPECT_EQ((memcpy(h, "0012x999", 8), GetProtocolLength(h)), 12);  // leading digits, as atoi
+  EXPECT_EQ((h[kProtoEyeCatchOffset] = 'q', GetProtocolLength(h)), 0);
   EXPECT_EQ(SetProtocolLength(h, 77), 77);
   EXPECT_EQ(Bytes(reinterpret_cast<char*>(h), 8), "0012x999");
   unsigned char four[4] = {0x01, 0x02, 0x03, 0xFF}, out[6] = {};
-  i4_memcopy(out + 1, four);
+  i4_memcopy(out + 1, four);  // four bytes, nothing around them
   EXPECT_EQ(Bytes(reinterpret_cast<char*>(out), 6), Bytes("\0\x01\x02\x03\xFF\0", 6));
 }
 
@@ -295,8 +289,7 @@ TEST(Lookups, BothDirectionsWithErrorNamesAndErrno) {
       {GetHostNameTh, "myhost", 16, "myhost"},     {GetHostNameTh, "127.0.0.1", 16, "localhost"},
       {GetHostNameTh, "127.0.0.1", 4, "loc"},      {GetHostNameTh, kUnnamedAddress, 16, nullptr}};
   for (const auto& [lookup, name, size, want] : cases) {
-    errno = EINVAL;
-    lookup(name, text, size);
+    errno = EINVAL, lookup(name, text, size);
     if (want == nullptr) {
       ExpectLookupFailure(text, errno);
     } else {
@@ -316,7 +309,7 @@ TEST(VerifyHostDef, SplitsPortAndResolves) {
   for (const auto& [def, port, result, want_host, want_ip, host_size] : cases) {
     std::vector<char> host(host_size, 'x');
     char ip[16];
-    qx7_error err;
+    qx7_error err;  // any bytes at all before the call
     memset(&err, 0x55, sizeof err);
     const int got = verifyHostDef(def.c_str(), host.data(), host_size, ip, 16, &err);
     EXPECT_EQ(std::make_tuple(port, Bytes(want_host), Bytes(want_ip), result, 0),

@@ -92,9 +92,8 @@ TEST(Blanks, StripAndFixedFields) {
   std::string got = GetStringTh("ab   xyz", 8, value, sizeof value);
   got += std::string("|") + GetStringTh("abcdefgh", 8, value, sizeof value);
   EXPECT_EQ(got + "|" + GetStringTh("abcdefgh", 8, value, 1),
-            "ab|abcde|");     // the last has room for the terminator only
-  fix_len_reorg2(h, 4);       // no blank to drop: still terminated inside the field
-  fix_len_reorg2(h, 0);       // an empty field stays as it is
+            "ab|abcde|");                      // the last has room for the terminator only
+  fix_len_reorg2(h, 4), fix_len_reorg2(h, 0);  // no blank to drop: terminated inside; 0: as is
   char word[] = "  ab c\0z";  // the first word, padded; no field or a negative length: nothing
   fix_len_reorg(word, 6), fix_len_reorg(word + 6, -1), fix_len_reorg2(word + 6, -1);
   EXPECT_EQ(std::string(h) + "|" + std::string(word, 8), "wxy|ab    \0z"s);
@@ -196,13 +195,10 @@ TEST(Dates, TextsCutToTheAreaLocalToUtcAndStopwatch) {
   TimeZone tz("CET-1");  // UTC+1, no daylight saving rule
   time_t t = 0;
   char area[32];
-  GetDtChar2(&t, area, 10);
-  std::string got = area;
+  const std::string got = (GetDtChar2(&t, area, 10), area);
   GetDtChar2(&t, area, sizeof area);
   EXPECT_EQ(got + "|" + area + "|" + GetDtChar(&t), "19700101|19700101/010000|19700101/010000");
-  MSG_TYPE_TIMESTAMP zero = {}, ts = {2026, 1, 1, 0, 30, 15, 42};
-  zero.ns = 7;
-  MSG_TYPE_TIMESTAMP copy = zero;
+  MSG_TYPE_TIMESTAMP zero = {0, 0, 0, 0, 0, 0, 7}, copy = zero, ts = {2026, 1, 1, 0, 30, 15, 42};
   const MSG_TYPE_TIMESTAMP utc = {2025, 12, 31, 23, 30, 15, 42};
   EXPECT_EQ(std::make_pair(CreateCharUtcTime(&copy), CreateCharUtcTime(&ts)), std::make_pair(0, 0));
   EXPECT_EQ(memcmp(&copy, &zero, sizeof copy), 0);  // an empty time stays as it is

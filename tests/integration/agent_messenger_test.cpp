@@ -399,8 +399,7 @@ TEST(AgentSession, Outcomes) {
     ccm_alloc = ccm_alloc_default;
     EXPECT_TRUE(qxtest::kSanitizerBuild || qxtest::peak_memory_kb() - before_kb < 16 * 1024);
     EXPECT_EQ(ccm, nullptr);
-    // No descriptor of the run stays open (the agent's end may take a moment; a late agent's
-    // listener is new).
+    // No descriptor of the run stays open (the agent's may take a moment; a late one is new).
     for (int i = 0; i < 300 && !c.late && qxtest::open_descriptors() != fds_before; i++)
       usleep(10000);
     EXPECT_TRUE(c.late || qxtest::open_descriptors() == fds_before);

@@ -98,8 +98,7 @@ inline bool wait_eof(int fd, int timeout_ms, Bytes* rest = nullptr) {
   return true;
 }
 
-// A loopback socket listening on `*port` (0: any, stored back) or connected to it, with a
-// receive buffer of `rcvbuf` bytes unless 0; or -1.
+// A loopback socket listening on `*port` (0: any, stored back) or connected to it; or -1.
 inline int loopback_socket(int* port, bool listening, int rcvbuf = 0) {
   const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), one = 1;
   if (rcvbuf != 0) setsockopt(s, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
@@ -123,8 +122,7 @@ inline int refused_port() {
   return port;
 }
 
-// Runs `script` on its own thread for each connection in turn (receive buffer `rcvbuf` unless
-// 0); the script may keep frames, and its `fd` is closed after it unless set to -1.
+// Runs `script` on a thread for each connection in turn (it may keep frames; fd = -1 keeps it).
 class FakeAgent {
  public:
   using Script = std::function<void(FakeAgent& agent, int& fd, int index)>;
