@@ -57,7 +57,7 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"cat <<" + Scrambled("ab") + "\nx\n-10\n", kRefused, 1},  // the operator <<- cuts it
       // Where shells differ, the place is no longer trusted: no quoting from there on.
       {"printf '[%s]' \"$(case x in x) echo " + Scrambled("a b") + ";; esac)\"", kRefused, 1},
-      {"printf '[%s]' \"${x:-'}\" " + Scrambled("a b"), kRefused, 1},
+      {"printf '[%s]' \"${x:-'}\"'}\" " + Scrambled("a b"), kRefused, 1},
       {"printf '[%s]' \"$\\\n(echo \"" + Scrambled("a\"b") + "\")\"", kRefused, 1},
       {"cat <<E\nx\\\nE\n" + Scrambled("a;b") + "\nE\n", kRefused, 1},
       {"cat <<E\n" + Scrambled("E") + "\nE\n", kRefused, 1},  // a text that ends the body
@@ -106,7 +106,7 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"\"x\\" + Scrambled("a$b"), "\"x\\\\\"'a$b'\""},
       {"cat <<E\nx\\" + Scrambled("a$b"), "cat <<E\nx\\\\a\\$b"},
       {"cat <<E\nx\nE", "cat <<E\nx\nE"},
-      {"${x:-y}`y` " + Scrambled("a b"), "${x:-y}`y` 'a b'"},
+      {"${x:-y}`y " + Scrambled("ab") + "` " + Scrambled("a b"), "${x:-y}`y ab` 'a b'"},
       {"$((1+" + Scrambled("12") + "))", "$((1+12))"},
       {"cat <<'E'\n" + Scrambled("a$b"), "cat <<'E'\na$b"},
       {"# " + Scrambled("a b"), "# a b"},
