@@ -132,12 +132,12 @@ TEST(Matching, MasksAndWildcards) {
 
 TEST(TextHelpers, HexStringAndEnvironment) {
   const unsigned char bytes[] = {'M', 'E', 'L', 'D', 0x01};
-  char out[128], small[6], big[1024];
+  char out[128], small[6], big[1024], one[1] = {'x'};
   GetHexString(bytes, sizeof bytes, out, sizeof out);
   EXPECT_EQ(out, "'4D454C44 01'" + std::string(27, ' ') + ">MELD.<");
   GetHexString(bytes, sizeof bytes, small, sizeof small);
   GetHexString(bytes, sizeof bytes, small + 1, 0);  // no area: nothing written
-  EXPECT_STREQ(small, "'4D45");
+  EXPECT_EQ(small + std::string(GetHexString(bytes, sizeof bytes, one, 1)), "'4D45");  // 1: ""
   const std::string many(600, '\xAB');
   GetHexString(reinterpret_cast<const unsigned char*>(many.data()), 600, big, sizeof big);
   EXPECT_EQ(strlen(big), 511u);           // the work text stops at 511 characters
