@@ -112,7 +112,7 @@ TEST(AgentSimulator, StalledOutputNeitherStopsServingNorTheStop) {
   Simulator sim({"--json"}, out);
   close(out[1]);
   int port = sim.port();
-  const int flood = loopback_socket(&port, false);
+  const int flood = loopback_socket(&port, false, 1 << 22);  // room for every answer: no drop
   ASSERT_GE(flood, 0);
   for (int job = 1; job <= 2000; job++)  // far more lines than the pipe holds
     ASSERT_TRUE(write_all(flood, meld_frame(job)));
