@@ -105,7 +105,7 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"\\" + Scrambled("a b"), "\\a' b'"},
       {"\"x\\" + Scrambled("a$b"), "\"x\\\\\"'a$b'\""},
       {"cat <<E\nx\\" + Scrambled("a$b"), "cat <<E\nx\\\\a\\$b"},
-      {"cat <<E\nx\nE", "cat <<E\nx\nE"},
+      {"cat <<E\nE\n" + Scrambled("a b") + " <<E\nx\nE", "cat <<E\nE\n'a b' <<E\nx\nE"},
       {"${x:-y}`y " + Scrambled("ab") + "` " + Scrambled("a b"), "${x:-y}`y ab` 'a b'"},
       {"$((1+" + Scrambled("12") + "))", "$((1+12))"},
       {"cat <<'E'\n" + Scrambled("a$b"), "cat <<'E'\na$b"},
