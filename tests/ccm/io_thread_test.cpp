@@ -46,8 +46,7 @@ class IoTest : public CcmTest {
     std::memcpy(m->msg_start, bytes.data(), bytes.size());
     m->len = static_cast<int>(bytes.size());
     ccm_setaddr(m, dst_ID, 0, dst_addr, "", 0);
-    ccm_send_message_common(ccm_, m, "test");
-    return m;
+    return ccm_send_message_common(ccm_, m, "test"), m;
   }
   bool joined() {  // within 5 seconds
     const timespec deadline{time(nullptr) + 5, 0};
@@ -61,11 +60,9 @@ class IoTest : public CcmTest {
 // Frames split anywhere arrive whole; a bad length deletes the channel before buffers grow.
 TEST_F(IoTest, FramesSplitAnywhereArriveWholeAndABadLengthDeletes) {
   const std::string a = ipc_frame(100, 1), b = ipc_frame(48, 2), c = ipc_frame(300, 3);
-  put(peer_, a + b + c.substr(0, 150));
-  EXPECT_EQ(ccm_read_channel(ccm_, ch_, &err_), 0);
+  EXPECT_EQ((put(peer_, a + b + c.substr(0, 150)), ccm_read_channel(ccm_, ch_, &err_)), 0);
   EXPECT_EQ(drain_recvq(), (std::vector<std::string>{a.substr(48), b.substr(48)}));
-  put(peer_, c.substr(150));
-  EXPECT_EQ(ccm_read_channel(ccm_, ch_, &err_), 0);
+  EXPECT_EQ((put(peer_, c.substr(150)), ccm_read_channel(ccm_, ch_, &err_)), 0);
   EXPECT_EQ(drain_recvq(), std::vector<std::string>{c.substr(48)});
   for (size_t i = 0; i < a.size(); ++i) {
     put(peer_, a.substr(i, 1));
@@ -85,16 +82,19 @@ TEST_F(IoTest, PassedDescriptorGoesToTheFirstFrameOfTheReadOnly) {
   EXPECT_EQ((FailAllocations("CCMMSG"), send_file_descriptor(ccm_, "", pipefd[1], 5, 6, "")), -1);
   ASSERT_EQ(send_file_descriptor(ccm_, ch_->name, pipefd[1], 5, 6, "JOBOUTPUT"), 0);  // queued
   EXPECT_STREQ(ccm_->sendq.tail->addr.dst_addr, ch_->name);
-  const std::string both = ipc_frame(60, 1) + ipc_frame(70, 2);
+  merge_newq(), ccm_dispatch_send_messages(ccm_), ccm_write_channel(ccm_, ch_, &err_);
+  std::string both(512, '\0');  // the message goes out with the descriptor: a copy, closed here
   alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))] = {};
-  iovec iov{const_cast<char*>(both.data()), both.size()};
+  iovec iov{both.data(), both.size()};
   msghdr mh{nullptr, 0, &iov, 1, control, sizeof control, 0};
   cmsghdr* c = CMSG_FIRSTHDR(&mh);
+  ASSERT_TRUE(recvmsg(peer_, &mh, 0) > 0 && c->cmsg_type == SCM_RIGHTS &&
+              close(*reinterpret_cast<int*>(CMSG_DATA(c))) == 0);
+  iov = {(both = ipc_frame(60, 1) + ipc_frame(70, 2)).data(), both.size()};
   *c = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
   std::memcpy(CMSG_DATA(c), &pipefd[1], sizeof(int));
   ASSERT_EQ(sendmsg(peer_, &mh, 0), static_cast<ssize_t>(both.size()));
-  close(pipefd[1]);
-  EXPECT_EQ(ccm_read_channel(ccm_, ch_, &err_), 0);
+  EXPECT_EQ(close(pipefd[1]) + ccm_read_channel(ccm_, ch_, &err_), 0);
   std::vector<int> passed;  // the descriptor of each message, or -1
   while (ccm_msg_t* m = ccm_queue_pop(ccm_->recvq)) {
     passed.push_back(-1);
