@@ -57,7 +57,7 @@ TEST(FrameLength, OnlyEightDigitsWithinBoundsAreAccepted) {
 }
 
 TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
-  ccm_msg_t* m = message("", false);
+  ccm_msg_t* m = message(Bytes(257, 0), false);  // room for the longest native entry
   char hello[] = "hello", big[256] = {};
   ccm_msg_write_native_data(m, 4, big, 255);
   ccm_msg_write_native_data(m, 7, hello, 5);  // other keys and over-long data write nothing
