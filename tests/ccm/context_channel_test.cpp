@@ -25,7 +25,7 @@ TEST_F(MessageTest, PoolKeepsAtMost64AndNeverHugeMessages) {
     msgs.push_back(ccm_msg_alloc(ccm_, &err_));
   ccm_msg_t* huge = ccm_msg_alloc_huge(ccm_, 1024, &err_);
   EXPECT_EQ(huge->ID, 71u);
-  ccm_msg_free(ccm_, huge);
+  EXPECT_EQ(ccm_msg_free(ccm_, huge), 0);
   EXPECT_EQ(ccm_->nof_freemsg, 0);
   for (ccm_msg_t* m : msgs)
     ccm_msg_free(ccm_, m);

@@ -215,7 +215,7 @@ TEST(Dates, TextsCutToTheAreaLocalToUtcAndStopwatch) {
       {59, "00:00:59"}, {360000, "100:00:00"}, {-61, "00:-01:-01"}, {0, "00:00:00"}};
   for (auto [sec, text] : durations)
     EXPECT_EQ(std::string(sec2hhmmss(sec, area)) + "|" + sec2hhmmss2(sec), text + "|"s + text);
-  sec2hhmmss3(3661, area, 6);
+  sec2hhmmss3(3661, area, 6), sec2hhmmss3(1, area, -1);  // no room: nothing written
   EXPECT_STREQ(area, "01:01");
 }
 
