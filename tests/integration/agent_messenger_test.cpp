@@ -169,7 +169,7 @@ TEST(AgentMessenger, EventsAndHostileAgents) {
     if (!c.delivered) continue;
     ASSERT_EQ(kept[0].size(), 63 + want.size());
     const Bytes got(kept[0].begin() + 63, kept[0].end());
-    // Taken from what came: the time stamp (within seconds of now) and the messenger's process.
+    // Taken from what came: the time stamp (of this run) and the messenger's process.
     const size_t at = want[24] == 'O' ? 68 : want[24] == 'V' ? 100 : 108;  // UTC, then seconds
     const time_t sent = le(got, at + 16);
     tm u;
@@ -179,7 +179,7 @@ TEST(AgentMessenger, EventsAndHostileAgents) {
     for (int i = 0; i < 6; i++)
       put_le(want, at + 2 * i, static_cast<unsigned>(fields[i]), 2);
     put_le(want, at + 16, static_cast<unsigned>(sent));
-    EXPECT_TRUE(time(nullptr) - sent >= 0 && time(nullptr) - sent <= 5) << sent;
+    EXPECT_TRUE(time(nullptr) - sent >= 0 && time(nullptr) - sent <= 60) << sent;  // a busy host
     if (at == 108) {  // its own process, its parent (this test), the group it inherited
       EXPECT_TRUE(le(got, 128) != 0 && le(got, 128) != static_cast<unsigned>(getpid()));
       put_le(want, 128, le(got, 128));
