@@ -44,6 +44,19 @@ inline void ccm_queue_append(Queue& q, Item* item) {
   q.tail = item;
 }
 
+// Appends every item of `from` to `q` in one step and leaves `from` empty.
+template <class Queue>
+inline void ccm_queue_splice(Queue& q, Queue& from) {
+  if (from.head == nullptr) return;
+  if (q.head == nullptr) {
+    q.head = from.head;
+  } else {
+    q.tail->nxt = from.head;
+  }
+  q.tail = from.tail;
+  from = {};
+}
+
 // Pushes `item` at the head of a queue.
 template <class Queue, class Item>
 inline void ccm_queue_push(Queue& q, Item* item) {

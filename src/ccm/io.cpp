@@ -184,14 +184,8 @@ struct read_batch {
     if (msgs.head == nullptr) return;
     {
       ccm_queue_guard guard(ccm, ccm_lock_trace::kQuiet);
-      if (ccm->recvq.head == nullptr) {
-        ccm->recvq.head = msgs.head;
-      } else {
-        ccm->recvq.tail->nxt = msgs.head;
-      }
-      ccm->recvq.tail = msgs.tail;
+      ccm_queue_splice(ccm->recvq, msgs);
     }
-    msgs = {};
     ccm_wakeup_processor(ccm);
   }
 };
