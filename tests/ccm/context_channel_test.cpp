@@ -151,6 +151,23 @@ TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
   }
   EXPECT_EQ(ccm_channel_getbyName(ccm_, nullptr), nullptr);
   EXPECT_EQ(ccm_channel_existbyID(ccm_, waiting->ID) + ccm_channel_existbyID(ccm_, deleted->ID), 1);
+  // Partners' addresses by ID or by name, and which CP connections are made or under way.
+  for (auto [c, a] : {std::pair{active, "127.0.0.1"}, {waiting, "127.0.0.2"}, {deleted, "::3"}})
+    c->type = CCM_CHTYPE_CP, c->port = 99, std::strcpy(c->addr, a);
+  char ip[2][CCM_ADDRSTR_SIZE];
+  std::string got;
+  for (auto [host, port] : {std::pair{"127.0.0.1", 99},
+                            {"127.0.0.2", 99},
+                            {"::3", 99},
+                            {"127.0.0.1", 98},
+                            {"no-such-host.invalid", 99}})
+    got += std::to_string(ccm_is_cp_connecting(ccm_, host, port, &err_)) + " ";
+  EXPECT_EQ((std::tuple{got, ccm_channel_get_ip(ccm_, active->ID, nullptr, ip[0], &err_),
+                        ccm_channel_get_ip(ccm_, 0, waiting->name, ip[1], &err_),
+                        ccm_channel_get_ip(ccm_, deleted->ID, "", ip[0], &err_),
+                        std::string(ip[0]) + ip[1], ccm_channel_deletebyName(ccm_, waiting->name),
+                        ccm_channel_existbyName(ccm_, waiting->name)}),
+            std::tuple("1 1 0 0 -1 ", 0, 0, -1, "127.0.0.1127.0.0.2", 0, 0));
 }
 
 // Survivors keep their order; notices carry channel and user context; the socket always closes.

@@ -19,6 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 void put(int fd, const std::string& bytes) {
   ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
 }
@@ -269,6 +270,14 @@ TEST_F(CcmTest, IpcTypesAreMatchedOverAllSixteenBytes) {
     EXPECT_EQ(logged.size(), k.rslt == 0 ? 0u : 2u);
   }
   __log_set_logger(nullptr);
+  // The last handler's context names the connection manager that ipc_logger sends through.
+  ASSERT_EQ((app_.ccm = ccm_, ipc_logger(2003060, "7/ID=1")), 0);
+  const std::string rec = text(ccm_->sendq.head);
+  EXPECT_EQ(
+      std::string(ccm_->sendq.head->addr.dst_addr) + rec.substr(0, 8) + rec.substr(48, 28),
+      "*IPC(AGENT)00001092LOGGING"s + std::string(9, '\0') + "\x74\x90\x1E\0"s + "7/ID=1\0\0"s);
+  ccm_msg_free(ccm_, ccm_queue_pop(ccm_->sendq));
+  EXPECT_EQ((app_.ccm = nullptr, ipc_logger(2003060, "")), -1);
 }
 
 int listener_port(ccm_context_t* ccm) {  // of the channel "*LISTEN", or -1

@@ -187,6 +187,15 @@ TEST_F(WireTest, NativeGssAndIpcFramesGetTheirHeaders) {
   EXPECT_EQ(ccm_forward_NAT_message(ccm_, m, 42, "*CP9", &err_, 1), -1);  // no such channel
   EXPECT_EQ((std::tuple{err_.msgnr, m->msg_start, ccm_get_sendq_count(ccm_)}),
             std::tuple(2003070, m->buffer1 + 4, 0));
+  // Unchecked, a copy goes to the channel named, the source block behind its payload.
+  ccm_msg_t* job = message("job", false);
+  std::strcpy(job->addr.dst_name, "JPAKTJ_R"), std::strcpy(job->addr.src_name, "JOBSRC");
+  job->addr.src_acv = 5;
+  ASSERT_EQ(ccm_forward_NAT_message(ccm_, job, 0, "*CP9", &err_, 0), 0);
+  EXPECT_EQ(text(ccm_->sendq.head), frame_header(100) +
+                                        "\1\bJPAKTJ_R\3\4*CP9\xFF\3\0\0\0job\xFD\x19\0"s +
+                                        "\3\a*SERVER\1\bJOBSRC  \2\4\5\0\0\0"s);
+  ccm_msg_free(ccm_, ccm_queue_pop(ccm_->sendq));
 }
 
 // Counts and pending output walk every channel, skipping deleted (and type -1) ones.

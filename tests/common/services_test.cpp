@@ -110,6 +110,11 @@ Bytes BytesOf(T value) {
 TEST(ByteOrder, BothHostOrdersAndInPlaceConverters) {
   ASSERT_EQ(1, iIsIntel()) << "these expectations are for a little-endian host";
   EXPECT_EQ(Bytes("\x67\x12\0\0\x2C\x01", 6), BytesOf(iCnvU32(4711)) + BytesOf(iCnvU16(300)));
+  long long i64 = -2;
+  unsigned long long u64 = 0x0102030405060708;  // in place, and nothing without an area
+  EXPECT_EQ(std::tuple(iCnvI16(-2), iCnvI32(-2), *_CnvInt64(&i64), *_CnvUint64(&u64),
+                       _CnvInt64(nullptr), _CnvUint64(nullptr)),
+            std::tuple(short{-2}, -2, -2LL, 0x0102030405060708ULL, nullptr, nullptr));
   using namespace qx_byteorder;
   for (bool little : {true, false}) {
     EXPECT_EQ(little ? 0x1234 : 0x3412, ToWire16(0x1234, little));

@@ -144,6 +144,13 @@ TEST(TextHelpers, HexStringAndEnvironment) {
   EXPECT_EQ(std::make_tuple(1, 1, 0, 1),  // rest within the message, in 32-bit arithmetic
             std::make_tuple(Zudnst_Plausibility(0, 5, 5), Zudnst_Plausibility(10, 4, 6),
                             Zudnst_Plausibility(10, 5, 6), Zudnst_Plausibility(10, 0xFFFFFFFF, 2)));
+  char b26[8], field[4];  // seven letters for any 32-bit number; a non-letter ends a decode
+  EXPECT_EQ((std::tuple{std::string(Zudnst_LongToB26(27, b26)), Zudnst_B26ToLong(b26),
+                        Zudnst_B26ToLong(Zudnst_LongToB26(4294967295u, b26)),
+                        Zudnst_B26ToLong("BB?B"), get_variable_msg_field(field, "abcdef", 2, 3)}),
+            std::tuple("AAAAABB", 27u, 4294967295u, 702u, 0));
+  const std::string cut = field;
+  EXPECT_EQ(cut + (get_variable_msg_field(field, "a", 0, -1), field), "cde");
   setenv("QX_T_HOME", "/home/job", 1);
   unsetenv("QX_T_UNSET");
   EXPECT_EQ(ExpandEnvironmentStringsA("%QX_T_HOME%/log", out, sizeof out), 13);

@@ -150,7 +150,7 @@ TEST(CmdExec, ClearTextIsOneLiteralPieceOfItsWord) {
   for (int b = 1; b < 256; ++b)
     (b < 0x20 || b == 0x7F ? control : b < 0x7F ? printable : b < 0xC0 ? high1 : high2) += char(b);
   values.insert(values.end(), {run, printable, control, high1, high2});
-  const std::string print = bin_path("qx_test_print_args");
+  const std::string print = "printf '%s\\0'";  // each argument, NUL-terminated
   // Where; the command before and after the marker; the output before and after the value.
   const std::tuple<const char*, std::string, std::string, std::string, std::string> contexts[] = {
       {"unquoted word", print + " ", "", "", ""},
@@ -194,7 +194,7 @@ TEST(CmdExec, WithoutAScriptFileTheCommandLineCarriesIt) {
   // Launcher, command, input, output (empty: no output can be written).
   const std::tuple<std::vector<std::string>, std::string, std::string, std::string> cases[] = {
       {{"/usr/bin/unshare", "-rm", "sh", "-c", "mount -t tmpfs none /proc && exec \"$0\" \"$@\""},
-       bin_path("qx_test_print_args") + " " + Scrambled("a b;c"),
+       "printf '%s\\0' " + Scrambled("a b;c"),
        "",
        "a b;c"s + '\0'},
       {{"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 0; exec \"$0\" \"$@\""}, "true", "false\n", ""}};
