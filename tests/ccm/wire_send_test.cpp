@@ -140,8 +140,9 @@ TEST_F(WireTest, OverlongFieldsAreCutAndBadSourceBlocksEndTheirWalk) {
             std::tuple(Bytes(63, 'N'), Bytes(63, 'A'), 0));  // the first frame ends connecting
   const std::tuple<Bytes, const char*, Bytes> cases[] = {
       {entry1(1, "ME") + entry1(9, "zz") + entry1(3, "ADDR"), "ME", ""},  // unknown sub-key
-      {entry1(1, "ME") + "\003\020AB", "ME", ""},  // sub-entry running past the block
-      {"\002\002ab" + entry1(1, "ME"), "", ""},    // value of the wrong size
+      {entry1(1, "ME") + "\003\020AB", "ME", ""},       // sub-entry running past the block
+      {"\002\002ab" + entry1(1, "ME"), "", ""},         // value of the wrong size
+      {entry1(3, "AD") + entry1(1, "ME"), "ME", "AD"},  // the last entry fits exactly
       {entry1(3, Bytes(251, 'a')) + entry1(1, "ME"), "", Bytes(63, 'a')},  // first 256 bytes only
       {entry1(3, "ADDR") + "\x01", "", "ADDR"}};                           // odd trailing byte
   for (const auto& [block, src_name, src_addr] : cases) {
@@ -191,6 +192,10 @@ TEST_F(WireTest, NativeGssAndIpcFramesGetTheirHeaders) {
   ccm_msg_t* job = message("job", false);
   std::strcpy(job->addr.dst_name, "JPAKTJ_R"), std::strcpy(job->addr.src_name, "JOBSRC");
   job->addr.src_acv = 5;
+  const auto pool = std::exchange(ccm_->msg_freeq, {});  // no pool message and no memory
+  EXPECT_EQ((FailAllocations("CCMMSG"), ccm_forward_NAT_message(ccm_, job, 0, "*CP9", &err_, 0)),
+            -1);
+  ccm_->msg_freeq = pool;
   ASSERT_EQ(ccm_forward_NAT_message(ccm_, job, 0, "*CP9", &err_, 0), 0);
   EXPECT_EQ(text(ccm_->sendq.head), frame_header(100) +
                                         "\1\bJPAKTJ_R\3\4*CP9\xFF\3\0\0\0job\xFD\x19\0"s +

@@ -108,6 +108,7 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"cat <<E\nE\n" + Scrambled("a b") + " <<E\nx\nE", "cat <<E\nE\n'a b' <<E\nx\nE"},
       {"${x:-y}`y " + Scrambled("ab") + "` " + Scrambled("a b"), "${x:-y}`y ab` 'a b'"},
       {"$((1+" + Scrambled("12") + "))", "$((1+12))"},
+      {"\"$(f (xy) " + Scrambled("a$b") + ")\"", "\"$(f (xy) 'a$b')\""},
       {"cat <<'E'\n" + Scrambled("a$b"), "cat <<'E'\na$b"},
       {"# " + Scrambled("a b"), "# a b"},
       {"$" + Scrambled("a b"), nullptr},
