@@ -33,11 +33,22 @@ TEST_F(MessageTest, PoolKeepsAtMost64AndNeverHugeMessages) {
   ccm_msg_t* pooled = ccm_msg_alloc_huge(ccm_, CCM_MSG_POOL_SIZE, &err_);
   EXPECT_EQ((std::tuple{ccm_->nof_freemsg, pooled->msg_start}),
             std::tuple(63, pooled->buffer1 + CCM_MSG_HEADROOM));
-  for (ccm_msg_queue_t* q : {&ccm_->sendq, &ccm_->recvq, &ccm_->msgq_2dispatch}) {
-    ccm_msg_t* m = ccm_msg_alloc_huge(ccm_, 1000, &err_);
-    ccm_queue_unlink(ccm_->msgq_inuse, m);
-    ccm_queue_append(*q, m);
-  }
+  ccm_channel_t* chs[2] = {new_channel(), new_channel()};  // the first deleted: passed over
+  merge_newq();
+  ccm_channel_delete(ccm_, chs[0]);
+  const auto fill = [this](std::initializer_list<ccm_msg_queue_t*> queues) {
+    for (ccm_msg_queue_t* q : queues) {
+      ccm_msg_t* m = ccm_msg_alloc_huge(ccm_, 1000, &err_);
+      ccm_queue_unlink(ccm_->msgq_inuse, m);
+      ccm_queue_append(*q, m);
+    }
+  };
+  fill({&ccm_->recvq, &ccm_->msgq_2dispatch, &chs[1]->sendq, &chs[1]->recvq});
+  EXPECT_EQ(ccm_msg_emptying_queues(ccm_), 0);  // the pooled one in use goes back to the pool
+  EXPECT_EQ((std::tuple{ccm_->recvq.head, ccm_->msgq_2dispatch.head, ccm_->msgq_inuse.head,
+                        chs[1]->sendq.head, chs[1]->recvq.head}),
+            std::tuple(nullptr, nullptr, nullptr, nullptr, nullptr));
+  fill({&ccm_->sendq, &ccm_->recvq, &ccm_->msgq_2dispatch});
   EXPECT_EQ(ccm_close(ccm_, &err_), 0);
   ccm_ = nullptr;
 }
@@ -49,6 +60,9 @@ TEST_F(MessageTest, FailedAllocationsChangeNothing) {
   EXPECT_EQ((std::tuple{other, err_.msgnr}), std::tuple(nullptr, 3301));
   EXPECT_EQ(ccm_close(nullptr, &err_) + ccm_session_close(nullptr, &err_), 0);
   ccm_msg_free(ccm_, ccm_msg_alloc(ccm_, &err_));
+  ccm_msg_t* one = ccm_msg_alloc_frame(ccm_, 1, &err_);  // a frame of one byte, none of 0 bytes
+  EXPECT_TRUE(one != nullptr && ccm_msg_alloc_frame(ccm_, 0, &err_) == nullptr);
+  ccm_msg_free(ccm_, one);
   FailAllocations fail("CCMMSG");
   for (int size : {1000, CCM_MSG_POOL_SIZE}) {  // the second empties the pool first
     ccm_msg_t* taken = size == CCM_MSG_POOL_SIZE ? ccm_msg_alloc(ccm_, &err_) : nullptr;
@@ -85,8 +99,15 @@ TEST(Address, ChoiceAndTheOrderAllAreTriedIn) {
     EXPECT_EQ(std::memcmp(&first, &addrs[0], sizeof first), 0);
   }
   EXPECT_EQ(ccm_hostname2addresses("any", CCM_PREFER_IPV4, nullptr, 0, nullptr), -1);
-  Resolver mine({"192.0.2.5"});  // whatever this host's name is
+  Resolver mine({"2001:db8::5", "192.0.2.5"});  // whatever this host's name is
   EXPECT_EQ(ccm_getmyIP(0, out, nullptr) == 0 ? std::string(out) : "", "192.0.2.5");
+  static std::string logged;  // every address of a name, in the resolver's order
+  __log_set_logger([](int nr, const char* insert) {
+    return logged += std::to_string(nr) + ":" + insert + " ", 0;
+  });
+  EXPECT_EQ((std::tuple{ccm_log_all_ip("any", nullptr), ccm_log_all_ip(nullptr, nullptr), logged}),
+            std::tuple(0, -1, "2000066:any|[2001:db8::5] 2000066:any|192.0.2.5 "));
+  __log_set_logger(nullptr);
 }
 
 // Blanks and brackets are cleaned off; the area is cleared, all zero for a bad name.
@@ -130,7 +151,7 @@ TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
   active->remoteID = 41;
   waiting->remoteID = 42;
   deleted->remoteID = 43;
-  ccm_channel_delete(ccm_, deleted);
+  ASSERT_EQ(ccm_channel_delete(ccm_, deleted), 0);
   EXPECT_NE(ccm_->flag & CCM_FLAG_CHANNEL_DELETED, 0);
   auto by_id = [this](ccm_channel_t* c) { return ccm_channel_getbyID(ccm_, c->ID); };
   auto by_remote = [this](auto* c) { return ccm_channel_getbyRemoteID(ccm_, c->remoteID); };

@@ -226,6 +226,21 @@ TEST_F(IoTest, FloodOfSmallFramesIsHeldAtTheUnreadBound) {
   EXPECT_EQ(received * 48, bytes);
 }
 
+// Members up to maxfd; a list that does not fit is cut with ",..." after its last whole number.
+TEST(FdsetText, MembersUpToMaxfdCutWithAMarker) {
+  static ccm_fdset set{};
+  for (int fd : {0, 3, 5, 1023, CCM_MAX_WATCHED_FD})
+    set.add(fd);
+  const std::tuple<int, int, std::string> cases[] = {
+      {5, 64, "0,3,5"}, {4, 64, "0,3"},     {1 << 20, 64, "0,3,5,1023,65535"},
+      {5, 10, "0,3,5"}, {5, 9, "0,3,..."}, {5, 5, ",..."},
+      {5, 4, ""},       {5, 0, "as it was"}};
+  for (const auto& [maxfd, size, want] : cases) {
+    char work[64] = "as it was";
+    EXPECT_EQ(ccm_fdset_text(work, size, &set, maxfd), want) << maxfd << " " << size;
+  }
+}
+
 // A select that keeps failing is logged each time and then ends the thread by itself.
 TEST_F(IoTest, PersistentSelectFailureEndsTheThreadWithItsErrorLogged) {
   logged.clear();
