@@ -49,7 +49,7 @@ TEST_F(MessageTest, PoolKeepsAtMost64AndNeverHugeMessages) {
                         chs[1]->sendq.head, chs[1]->recvq.head}),
             std::tuple(nullptr, nullptr, nullptr, nullptr, nullptr));
   fill({&ccm_->sendq, &ccm_->recvq, &ccm_->msgq_2dispatch});
-  EXPECT_EQ(ccm_close(ccm_, &err_), 0);
+  EXPECT_EQ((std::tuple{ccm_channel_closeall(ccm_), ccm_close(ccm_, &err_)}), std::tuple(0, 0));
   ccm_ = nullptr;
 }
 
@@ -59,6 +59,7 @@ TEST_F(MessageTest, FailedAllocationsChangeNothing) {
   EXPECT_EQ((FailAllocations("CCM_OPEN"), ccm_open(nullptr, &other, &err_)), -1);
   EXPECT_EQ((std::tuple{other, err_.msgnr}), std::tuple(nullptr, 3301));
   EXPECT_EQ(ccm_close(nullptr, &err_) + ccm_session_close(nullptr, &err_), 0);
+  EXPECT_EQ(ccm_thread_join(ccm_), -1);  // no thread was started
   ccm_msg_free(ccm_, ccm_msg_alloc(ccm_, &err_));
   ccm_msg_t* one = ccm_msg_alloc_frame(ccm_, 1, &err_);  // a frame of one byte, none of 0 bytes
   EXPECT_TRUE(one != nullptr && ccm_msg_alloc_frame(ccm_, 0, &err_) == nullptr);
@@ -196,6 +197,7 @@ TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
 TEST_F(ChannelTest, DestroyDeletedKeepsSurvivorsInOrderAndSendsNotices) {
   ccm_channel_t* ch = new_channel(5, false);
   const int fd = ch->s = socket(AF_INET, SOCK_STREAM, 0);
+  EXPECT_EQ(ccm_channel_set_local_partner(ccm_, ch, &err_), -1);  // a network socket
   ccm_msg_t* queued = ccm_msg_alloc_huge(ccm_, 512, &err_);
   ccm_queue_unlink(ccm_->msgq_inuse, queued);
   ccm_queue_append(ch->sendq, queued);

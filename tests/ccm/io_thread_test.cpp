@@ -138,9 +138,15 @@ TEST_F(IoTest, QueuedMessagesResumeAfterPartialWritesAndAClosedPartnerDeletes) {
     ASSERT_EQ(ccm_write_channel(ccm_, ch_, &err_), 0);
   }
   EXPECT_EQ(got, out[0] + out[1] + out[2]);
+  const int wakeup = std::exchange(ccm_->processor_wakeup[0], -1);  // no pipe to wait on
+  ccm_msg_t* none = nullptr;
+  EXPECT_EQ(ccm_receive_message(ccm_, 0, &none, &err_), -1);
+  ccm_->processor_wakeup[0] = wakeup;
   shutdown(peer_, SHUT_RD);
   send(ch_->ID, "", out[1]);
-  ccm_dispatch_send_messages(ccm_);
+  ccm_dispatch_send_messages(ccm_);  // a drain ends at its deadline, or when its channel is gone
+  EXPECT_EQ((std::tuple{ccm_drain_sendq(ccm_, ch_->ID, 0), ccm_drain_sendq(ccm_, 999, 1000)}),
+            std::tuple(0, -1));
   EXPECT_EQ(
       (std::tuple{ccm_write_channel(ccm_, ch_, &err_), ch_->flag & CCM_CHFLAG_DELETED, ch_->msgnr}),
       std::tuple(-1, CCM_CHFLAG_DELETED, CCM_MSGNR_SEND_ERROR));
@@ -233,7 +239,7 @@ TEST(FdsetText, MembersUpToMaxfdCutWithAMarker) {
     set.add(fd);
   const std::tuple<int, int, std::string> cases[] = {
       {5, 64, "0,3,5"}, {4, 64, "0,3"},     {1 << 20, 64, "0,3,5,1023,65535"},
-      {5, 10, "0,3,5"}, {5, 9, "0,3,..."}, {5, 5, ",..."},
+      {5, 10, "0,3,5"}, {5, 9, "0,3,..."},  {5, 5, ",..."},
       {5, 4, ""},       {5, 0, "as it was"}};
   for (const auto& [maxfd, size, want] : cases) {
     char work[64] = "as it was";
@@ -322,7 +328,8 @@ class ListenTest : public IoTest {
   }
 };
 
-// Listen failures leave no socket open; an accept without a notice closes the connection.
+// Failing to listen, to start the thread or to make a pair leaves no descriptor open; an accept
+// without a channel or notice closes the connection again.
 TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
   ASSERT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), 0);
   int port = listener_port(ccm_);
@@ -331,20 +338,34 @@ TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
   for (auto [host, at] :
        {std::pair{"127.0.0.1", port}, {"127.0.0.1", 65536}, {"no-such-host.invalid", 0}})
     EXPECT_EQ(ccm_create_listen(ccm_, host, at, 5, &err_), -1) << host << at;
-  FailAllocations fail("CREATE_CHANNEL");
-  EXPECT_EQ(ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), -1);
+  rlimit old{};
+  getrlimit(RLIMIT_NOFILE, &old);
+  const rlimit none{3, old.rlim_max};  // no descriptor but the standard ones
+  ccm_channel_t* pair[2];  // a listener, the thread's pipes, a pair: nothing without descriptors
+  EXPECT_EQ(
+      (setrlimit(RLIMIT_NOFILE, &none),
+       std::tuple{ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_), ccm_thread_start(ccm_, &err_),
+                  ccm_channel_create_pair(ccm_, &pair[0], &pair[1], &err_)}),
+      std::tuple(-1, -1, -1));
+  setrlimit(RLIMIT_NOFILE, &old);
+  ASSERT_EQ(ccm_create_wakeup_pipes(ccm_, &err_), 0);  // in the numbers the failed start closed
+  EXPECT_EQ((FailAllocations("CREATE_CHANNEL"),
+             std::tuple{ccm_create_listen(ccm_, "127.0.0.1", 0, 5, &err_),
+                        ccm_channel_create_pair(ccm_, &pair[0], &pair[1], &err_)}),
+            std::tuple(-1, -1));
   EXPECT_EQ(dup(0), lowest);
   close(lowest);
-  const int client = agent_test::loopback_socket(&port, false);
   merge_newq();
-  FailAllocations no_message("CCMMSG");
   ccm_channel_t* listener = ccm_channel_getbyName(ccm_, "*LISTEN");
   ccm_channel_unlock(ccm_);
-  EXPECT_EQ(ccm_signal_on_listen(ccm_, listener, &err_), -1);
+  for (const char* tag : {"CREATE_CHANNEL", "CCMMSG"}) {  // an accept without a channel or notice
+    const int client = agent_test::loopback_socket(&port, false);
+    char byte;
+    EXPECT_EQ((FailAllocations(tag), ccm_signal_on_listen(ccm_, listener, &err_)), -1) << tag;
+    EXPECT_LE(read(client, &byte, 1), 0) << tag;
+    close(client);
+  }
   EXPECT_EQ(ccm_->channel_newq.head, nullptr);
-  char byte;
-  EXPECT_LE(read(client, &byte, 1), 0);
-  close(client);
 }
 
 // A channel stuck on a zero window closes at once, and its close never holds the thread.

@@ -182,7 +182,9 @@ TEST_F(WireTest, NativeGssAndIpcFramesGetTheirHeaders) {
   ccm_msg_free(ccm_, ccm_queue_pop(ccm_->sendq));
   ccm_msg_t* m = message("abc", false);  // without head room the message stays with the caller
   m->msg_start = m->buffer1 + 20;
-  EXPECT_EQ(send_native_message(ccm_, m), -1);
+  EXPECT_EQ((std::tuple{send_native_message(ccm_, m), send_GSS_message(ccm_, m, "K5"),
+                        send_IPC_message(ccm_, m)}),
+            std::tuple(-1, -1, -1));
   EXPECT_EQ((std::tuple{send_NAT_message(ccm_, m), (m->msg_start -= 16, cmm_msg_write_sr_data(m))}),
             std::tuple(-1, -1));  // then no room for a source block in front either
   EXPECT_EQ(ccm_forward_NAT_message(ccm_, m, 42, "*CP9", &err_, 1), -1);  // no such channel
@@ -192,9 +194,13 @@ TEST_F(WireTest, NativeGssAndIpcFramesGetTheirHeaders) {
   ccm_msg_t* job = message("job", false);
   std::strcpy(job->addr.dst_name, "JPAKTJ_R"), std::strcpy(job->addr.src_name, "JOBSRC");
   job->addr.src_acv = 5;
+  ccm_msg_t* to_agent = message("r", false);
+  std::strcpy(to_agent->addr.dst_addr, "*SERVER");
   const auto pool = std::exchange(ccm_->msg_freeq, {});  // no pool message and no memory
-  EXPECT_EQ((FailAllocations("CCMMSG"), ccm_forward_NAT_message(ccm_, job, 0, "*CP9", &err_, 0)),
-            -1);
+  EXPECT_EQ((FailAllocations("CCMMSG"),
+             std::tuple{ccm_forward_NAT_message(ccm_, job, 0, "*CP9", &err_, 0),
+                        send_NAT_message(ccm_, to_agent)}),
+            std::tuple(-1, -1));
   ccm_->msg_freeq = pool;
   ASSERT_EQ(ccm_forward_NAT_message(ccm_, job, 0, "*CP9", &err_, 0), 0);
   EXPECT_EQ(text(ccm_->sendq.head), frame_header(100) +

@@ -43,9 +43,10 @@ TEST(GetWordDelimited, ModesAndLimits) {
     EXPECT_TRUE(n != -2 || rest.find_first_not_of('\0', strlen(want)) == rest.npos) << src;
   }
   char dst[4] = "ab";
-  EXPECT_EQ(std::pair(get_word_delimited(nullptr, '=', 1, dst, 4),
-                      get_word_delimited("a", '=', 1, dst, 0)),
-            std::pair(0, 0));  // no text: an empty word; no area: nothing
+  EXPECT_EQ(std::tuple(get_word_delimited(nullptr, '=', 1, dst, 4),
+                       get_word_delimited("a", '=', 1, dst, 0),
+                       get_word_delimited("a", '=', 1, nullptr, 4)),
+            std::tuple(0, 0, 0));  // no text: an empty word; no area: nothing
   EXPECT_STREQ(dst, "");
 }
 
