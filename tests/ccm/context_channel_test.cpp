@@ -92,7 +92,7 @@ TEST(Address, ChoiceAndTheOrderAllAreTriedIn) {
     const int n = ccm_hostname2addresses("any", options, addrs, max, nullptr);
     std::string got;
     for (int i = 0; i < n; ++i) {
-      ccm_address2string(&addrs[i], out, sizeof out);
+      ASSERT_EQ(ccm_address2string(&addrs[i], out, sizeof out), 0);
       got += std::string(out) + " ";
     }
     EXPECT_EQ(got, want);

@@ -65,6 +65,8 @@ TEST_F(WireTest, HeaderAndNativeEntryAreWrittenByteForByte) {
   EXPECT_EQ(text(m), "\x04\xFF" + std::string(255, '\0'));
   EXPECT_EQ(ccm_msg_write_native_data(m, 4, hello, 5), nullptr);
   EXPECT_EQ(text(m), "\x04\x05hello");
+  ccm_msg_write_native_data(m, 4, hello, 0);
+  EXPECT_EQ(text(m), "\x04\0"s);                                                  // an empty entry
   for (auto [len, rslt] : {std::pair{-1, -1}, {100000000, -1}, {99999999, 0}}) {  // 8 digits
     m->len = len;
     EXPECT_EQ(ccm_msg_set_protocol_header(m, "IPC"), rslt) << len;

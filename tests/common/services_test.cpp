@@ -184,6 +184,8 @@ TEST(NumberTexts, AddressIntegerAndHexWithinTheirAreas) {
   EXPECT_STREQ("xxxxxxxx", out);
   EXPECT_EQ(0, convert2hex(in, 4, out, 10));
   EXPECT_STREQ("00FFA51C", out);
+  EXPECT_EQ(0, convert2hex(in, 0, out, 10));  // no bytes: an empty text
+  EXPECT_STREQ("", out);
 }
 
 // All 256 bytes: 7-bit ones return (not 0x13, 0x7F), 8-bit as 0x07 (Ä Ö Ü as [ \ ]), no clash.

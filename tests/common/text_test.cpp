@@ -222,6 +222,7 @@ TEST(Dates, TextsCutToTheAreaLocalToUtcAndStopwatch) {
   const int us = GetUsec(&start, 1);
   EXPECT_TRUE(us >= 2000000 && us < 3000000) << us;
   EXPECT_EQ(GetUsec(nullptr, 1), 0);
+  EXPECT_GE(GetElapsedTime(nullptr), start.tv_sec);  // without an area for the microseconds
   const std::pair<int, const char*> durations[] = {
       {59, "00:00:59"}, {360000, "100:00:00"}, {-61, "00:-01:-01"}, {0, "00:00:00"}};
   for (auto [sec, text] : durations)

@@ -108,11 +108,13 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"cat <<E\nE\n" + Scrambled("a b") + " <<E\nx\nE", "cat <<E\nE\n'a b' <<E\nx\nE"},
       {"${x:-y}`y " + Scrambled("ab") + "` " + Scrambled("a b"), "${x:-y}`y ab` 'a b'"},
       {"${x:-'y'} " + Scrambled("a b"), "${x:-'y'} 'a b'"},
+      {"\"${x:-y} " + Scrambled("a$b") + "\"", "\"${x:-y} \"'a$b'\"\""},
       {"$((1+" + Scrambled("12") + "))", "$((1+12))"},
       {"\"$(f (xy) " + Scrambled("a$b") + ")\"", "\"$(f (xy) 'a$b')\""},
       {"cat <<'E'\n" + Scrambled("a$b"), "cat <<'E'\na$b"},
       {"# " + Scrambled("a b"), "# a b"},
-      {"a=#" + Scrambled("a b"), "a=#'a b'"},  // inside a word # starts no comment
+      {"a=#" + Scrambled("a b"), "a=#'a b'"},      // inside a word # starts no comment
+      {"x )) " + Scrambled("a b"), "x )) 'a b'"},  // unbalanced: closes nothing
       {"$" + Scrambled("a b"), nullptr},
       {"$'x' " + Scrambled("a$b"), nullptr},
       {"cat <<-E\nx\n" + Scrambled("\ty"), nullptr},
