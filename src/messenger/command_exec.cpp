@@ -171,7 +171,10 @@ class Expander {
     i_ += n;
     return ok;
   }
-  bool Next(char c) const { return i_ + 1 < cmd_.size() && cmd_[i_ + 1] == c; }
+  // The byte `k` places ahead, '\0' past the end (a command holds no NUL: it comes from a C
+  // string).
+  char Peek(size_t k) const { return i_ + k < cmd_.size() ? cmd_[i_ + k] : '\0'; }
+  bool Next(char c) const { return Peek(1) == c; }
 
   // One byte (or operator) of the command, by the frame it stands in.
   bool Step() {
@@ -219,7 +222,7 @@ class Expander {
         return Copy(1);
       }
       if (c == '<' && Next('<')) {
-        if (i_ + 2 < cmd_.size() && cmd_[i_ + 2] == '<') return Copy(3);  // a here-string
+        if (Peek(2) == '<') return Copy(3);  // a here-string
         if (in_body()) lost_ = true;
         return HereDocOperator();
       }
@@ -263,7 +266,7 @@ class Expander {
       return Copy(1);
     }
     if (c != '$') return Copy(1);
-    if (Next('(') && i_ + 2 < cmd_.size() && cmd_[i_ + 2] == '(') {
+    if (Next('(') && Peek(2) == '(') {
       stack_.push_back({Kind::kArith, true, 0});
       return Copy(3);
     }
@@ -336,11 +339,11 @@ class Expander {
     // "<<--10..." is the operator <<- and a delimiter word that holds the rest of the marker:
     // a marker that the operator cuts in two is refused like one inside the word.
     if (is_marker(cmd_.substr(i_))) return false;
-    if (i_ < cmd_.size() && cmd_[i_] == '-') {
+    if (Peek(0) == '-') {
       doc.strip_tabs = true;
       if (!Copy(1)) return false;
     }
-    while (i_ < cmd_.size() && (cmd_[i_] == ' ' || cmd_[i_] == '\t'))
+    while (Peek(0) == ' ' || Peek(0) == '\t')
       if (!Copy(1)) return false;
     char quote = '\0';
     while (i_ < cmd_.size()) {
@@ -354,7 +357,7 @@ class Expander {
         doc.quoted = true;
       } else if (c == '\\' && quote != '\'') {
         const bool escapes = quote == '\0' || (Next('$') || Next('`') || Next('"') || Next('\\'));
-        if (escapes && i_ + 1 < cmd_.size()) {
+        if (escapes && Peek(1) != '\0') {
           doc.quoted = true;
           if (!Copy(1)) return false;
           if (is_marker(cmd_.substr(i_))) return false;
@@ -389,7 +392,7 @@ class Expander {
     line_start_ = len_;
     line_inserted_ = false;
     if (line != doc.delimiter) return true;
-    if (!Copy(end - i_ + (end < cmd_.size() ? 1 : 0))) return false;
+    if (!Copy(std::min(end + 1, cmd_.size()) - i_)) return false;  // with its newline
     stack_.resize(body_);
     body_ = kNoBody;
     pending_.pop_front();
@@ -417,7 +420,7 @@ class Expander {
     memcpy(password_, cmd_.data() + i_, kMarkerLen);
     i_ += kMarkerLen;
     size_t n = kMarkerLen;
-    while (i_ < cmd_.size() && n < kMarkerLen + kCmdPasswordDigitsMax && is_hex_digit(cmd_[i_])) {
+    while (n < kMarkerLen + kCmdPasswordDigitsMax && is_hex_digit(Peek(0))) {
       const char c = cmd_[i_++];
       password_[n++] = (c >= 'a' && c <= 'f') ? static_cast<char>(c - 'a' + 'A') : c;
     }
