@@ -390,18 +390,18 @@ std::string PrtLineStart(const void* addr, unsigned offset) {
 
 TEST(IPrtMem, CharacterClassPaddingAndRepeatMark) {
   Area equal = AreaOf(std::string(32, '~'));  // the last 16 bytes are left out too
-  Area mixed = AreaOf("!./\\a_[");
+  Area mixed = AreaOf("!./\\a_[-Zz");         // the ends of the shown ranges; "[" is not shown
   CaptureStdout();
   iPrtMem(equal.data(), 32, "t");
-  iPrtMem(mixed.data(), 7, "u");
+  iPrtMem(mixed.data(), 10, "u");
   std::string repeated =
       PadTo(PrtLineStart(equal.data(), 0) + "7e7e7e7e 7e7e7e7e 7e7e7e7e 7e7e7e7e<", 60) + ">" +
       std::string(16, '~') + "<\n";
   repeated[1] = '=';
-  EXPECT_EQ(PadTo("t", 61) + " 0x000020 (00032)\n" + repeated + PadTo("u", 61) +
-                " 0x000007 (00007)\n" +
-                PadTo(PrtLineStart(mixed.data(), 0) + "212e2f5c 615f5b<", 60) + ">!./\\a_.<\n",
-            GetCapturedStdout());
+  EXPECT_EQ(
+      PadTo("t", 61) + " 0x000020 (00032)\n" + repeated + PadTo("u", 61) + " 0x00000a (00010)\n" +
+          PadTo(PrtLineStart(mixed.data(), 0) + "212e2f5c 615f5b2d 5a7a<", 60) + ">!./\\a_.-Zz<\n",
+      GetCapturedStdout());
 }
 
 TEST(GetMemTrace, GroupsOfFourWithinTheArea) {

@@ -115,6 +115,7 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"# " + Scrambled("a b"), "# a b"},
       {"a=#" + Scrambled("a b"), "a=#'a b'"},      // inside a word # starts no comment
       {"x )) " + Scrambled("a b"), "x )) 'a b'"},  // unbalanced: closes nothing
+      {"cat <<E \\\n" + Scrambled("a b") + "\nE", "cat <<E \\\n'a b'\nE"},  // a joined line
       {"$" + Scrambled("a b"), nullptr},
       {"$'x' " + Scrambled("a$b"), nullptr},
       {"cat <<-E\nx\n" + Scrambled("\ty"), nullptr},
