@@ -305,19 +305,4 @@ TEST(Trcdump, HeadingShortLinesAndRepeats) {
   EXPECT_EQ(GetCapturedStdout(), "");
 }
 
-TEST(Log, FormatsAndHandsToTheCurrentLogger) {
-  static std::vector<std::pair<int, std::string>> logged;
-  logged.clear();       // a repeated run starts empty
-  __log(1, "dropped");  // the starting logger drops every event
-  auto record = [](int nr, const char* insert) { return logged.emplace_back(nr, insert), 0; };
-  EXPECT_EQ(__log_set_logger(record), 0);
-  EXPECT_EQ(__log(3301, "%s/%s(%d)", "area", "file.cpp", 12), 0);
-  __log(2, "%s", std::string(3000, 'z').c_str());
-  __log_set_logger(nullptr);
-  __log(4, "dropped again");
-  ASSERT_EQ(logged.size(), 2u);
-  EXPECT_EQ(logged[0], std::make_pair(3301, std::string("area/file.cpp(12)")));
-  EXPECT_EQ(logged[1].second.size(), 2047u);
-}
-
 }  // namespace

@@ -96,10 +96,11 @@ TEST(Driver, Sigusr1IsHarmlessAndOnlyEventMinusOneIsLogged) {
   testing::internal::CaptureStdout();
   __log_set_logger(messenger_logger);
   __log(2000134, "%s", "other");
-  __log(-1, "%s", "text");
+  __log(-1, "%s", std::string(3000, 't').c_str());  // cut to 2,047 bytes
   __log_set_logger(nullptr);
+  __log(-1, "%s", "dropped without a logger");
   fflush(stdout);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "-1 - text");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "-1 - " + std::string(2047, 't'));
 }
 
 // Known pairs both ways, equal codes untouched, and the tables invert each other.
