@@ -81,19 +81,6 @@ TEST(Memory, CopiesAndFrees) {
   free(dst);
 }
 
-// The fillers set the number and a bounded insert, and leave result and errno alone.
-TEST(Qx7Error, FillersSetNumberAndBoundedInsertOnly) {
-  qx7_error e{};
-  e.qx_result = 11;
-  e.qx_errno = 22;
-  FillMessageOnPermissionError(&e, 2, "nobody");
-  EXPECT_EQ(std::make_pair(2000102, "getpwnam(nobody)|2 - " + Bytes(strerror(2))),
-            std::make_pair(e.qx_msgnr, Bytes(e.qx_msgInsert)));
-  FillMessageOnPasswordError(&e, 0, "%s|%d", Bytes(3000, 'p').c_str(), 5);
-  EXPECT_EQ(std::make_tuple(2001007, Bytes(1023, 'p'), 11, 22),
-            std::make_tuple(e.qx_msgnr, Bytes(e.qx_msgInsert), e.qx_result, e.qx_errno));
-}
-
 template <typename T>
 Bytes BytesOf(T value) {
   return Bytes(reinterpret_cast<const char*>(&value), sizeof value);
