@@ -192,6 +192,9 @@ TEST_F(ChannelTest, SearchesFindLiveChannelsAndKeepTheLockOnlyWhenFound) {
                         std::string(ip[0]) + ip[1], ccm_channel_deletebyName(ccm_, waiting->name),
                         ccm_channel_existbyName(ccm_, waiting->name)}),
             std::tuple("1 1 0 0 -1 ", 0, 0, -1, "127.0.0.1127.0.0.2", 0, 0));
+  char cut[8] = "xxxxxxx";  // a copied text keeps to its area, terminator included
+  ccm_copy_text(cut, 3, "abcdef");
+  EXPECT_EQ(std::string(cut, 8), "ab\0xxxx\0"s);
 }
 
 // Survivors keep their order; notices carry channel and user context; the socket always closes.
@@ -205,7 +208,7 @@ TEST_F(ChannelTest, DestroyDeletedKeepsSurvivorsInOrderAndSendsNotices) {
   FailAllocations("CCMMSG"), ccm_channel_destroy(ccm_, ch, &err_);  // the pool is still empty
   EXPECT_EQ((std::tuple{ccm_->recvq.head, close(fd)}), std::tuple(nullptr, -1));
   std::vector<ccm_channel_t*> chs;
-  for (int type : {5, 5, 5, 255, 5, 0})
+  for (int type : {CCM_CHTYPE_AGENT, 5, 5, CCM_CHTYPE_SILENT, 5, CCM_CHTYPE_SERVER})
     chs.push_back(new_channel(type));
   std::strcpy(chs[0]->host, "agent.example");
   chs[0]->cuc =
@@ -218,7 +221,13 @@ TEST_F(ChannelTest, DestroyDeletedKeepsSurvivorsInOrderAndSendsNotices) {
   for (int i : {0, 3, 5})
     ccm_channel_delete(ccm_, chs[i]);
   int n = -1;
+  static std::string logged;  // a silent channel's close is not logged
+  __log_set_logger(
+      [](int nr, const char* insert) { return logged += std::to_string(nr) + insert, 0; });
   EXPECT_EQ(ccm_destroy_deleted_channels(ccm_, &n), 0);
+  __log_set_logger(nullptr);
+  const std::string a = std::to_string(ids[0]), b = std::to_string(ids[1]);
+  EXPECT_EQ(logged, "2000007*ID" + a + "(s=-1,ID=" + a + ")2000010*ID" + b + "(s=-1,ID=" + b + ")");
   EXPECT_EQ(n, 3);
   EXPECT_EQ(members(ccm_->channelq), (std::vector<ccm_channel_t*>{chs[1], chs[2], chs[4]}));
   EXPECT_EQ((std::tuple{ccm_->channelq.tail, ccm_->flag & CCM_FLAG_CHANNEL_DELETED}),
@@ -249,7 +258,8 @@ TEST_F(ConnectTest, RefusalsBeforeAndAfterTheChannelIsMade) {
       {"127.0.0.1", 65536, "connect()|22(Invalid argument),port(65536)|"},
       {long_host.c_str(), 80, "connect()|22(Invalid argument),host(80)|"},
       {nullptr, 80, "connect()|22(Invalid argument),host(80)|"},
-      {"127.0.0.1", 65535, "CREATE_CHANNEL/"}};  // the highest port is no refusal
+      {"127.0.0.1", 1, "CREATE_CHANNEL/"},  // the lowest and the highest port are no refusal
+      {"127.0.0.1", 65535, "CREATE_CHANNEL/"}};
   for (auto [host, port, insert] : cases) {
     auto* cuc = static_cast<ccm_connect_user_context_t*>(
         ccm_alloc_default(sizeof(ccm_connect_user_context_t), "test"));  // released by the call

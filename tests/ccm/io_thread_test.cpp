@@ -142,6 +142,12 @@ TEST_F(IoTest, QueuedMessagesResumeAfterPartialWritesAndAClosedPartnerDeletes) {
   ccm_msg_t* none = nullptr;
   EXPECT_EQ(ccm_receive_message(ccm_, 0, &none, &err_), -1);
   ccm_->processor_wakeup[0] = wakeup;
+  rlimit old{};  // poll refuses to watch more descriptors than the process may have
+  getrlimit(RLIMIT_NOFILE, &old);
+  const rlimit zero{0, old.rlim_max};
+  EXPECT_EQ((setrlimit(RLIMIT_NOFILE, &zero), ccm_receive_message_ms(ccm_, 1000, &none, &err_)),
+            -1);
+  setrlimit(RLIMIT_NOFILE, &old);
   shutdown(peer_, SHUT_RD);
   send(ch_->ID, "", out[1]);
   ccm_dispatch_send_messages(ccm_);  // a drain ends at its deadline, or when its channel is gone

@@ -83,7 +83,7 @@ TEST_F(WireTest, NativeKeysGiveTypeZeroWithTheirDataAtTheStartOfTheBuffer) {
       {entry1(7, d), 7, 8},
       {"\x3B" + u16(8) + d, 0x3B, 8},
       {"\xF9" + u16(8) + d, 0xF9, 8},
-      {"A0000008" + d, 'A', 8},
+      {"A0000009" + d + "!", 'A', 9},
       {"D0000008" + d, 'D', 8},
       {entry1(1, "  AB    ") + "\x3B" + u16(8) + d, 0x3B, 8},
       {entry1(4, d) + entry1(1, "JPAKTJ_R"), 4, 18}};

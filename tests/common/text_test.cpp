@@ -87,22 +87,23 @@ TEST(Blanks, StripAndFixedFields) {
     EXPECT_EQ(std::string(a.c_str()) + "|" + b.c_str() + "|" + d.c_str(),
               std::string(stripped) + "|" + left + "|" + right);
   }
-  char field[8] = {'x', ' ', ' ', ' ', 'y', 'y', 'y', 'y'}, value[6], h[4] = {'w', 'x', 'y', 'z'};
+  char field[8] = {'x', ' ', ' ', ' ', 'y', 'y', 'y', 'y'}, value[6], none = 'n';
   EatTrailing(field, 4);
   EXPECT_EQ(std::string(field, 8), "x\0\0\0yyyy"s);
   std::string got = GetStringTh("ab   xyz", 8, value, sizeof value);
   got += std::string("|") + GetStringTh("abcdefgh", 8, value, sizeof value);
-  EXPECT_EQ(got + "|" + GetStringTh("abcdefgh", 8, value, 1),
-            "ab|abcde|");                      // the last has room for the terminator only
+  EXPECT_EQ(got + "|" + GetStringTh("abcdefgh", 8, value, 1) + *GetStringTh("x", 1, &none, 0),
+            "ab|abcde|n");  // room for the terminator only, then for nothing
+  char h[4] = {'w', 'x', 'y', 'z'};
   fix_len_reorg2(h, 4), fix_len_reorg2(h, 0);  // no blank to drop: terminated inside; 0: as is
   char word[] = "  ab c\0z";  // the first word, padded; no field or a negative length: nothing
   fix_len_reorg(word, 6), fix_len_reorg(word + 6, -1), fix_len_reorg2(word + 6, -1);
   EXPECT_EQ(std::string(h) + "|" + std::string(word, 8), "wxy|ab    \0z"s);
-  char text[] = "aZ\x80\xe4z-1";  // only ASCII letters change case, within the length
-  ToUpperCase(text, 3);
-  EXPECT_STREQ(text, "AZ\x80\xe4z-1");
-  EXPECT_STREQ(strlow(text), "az\x80\xe4z-1");
-  EXPECT_STREQ(strupper(text), "AZ\x80\xe4Z-1");
+  char text[] = "aZ\x80z\xe4-1";  // only ASCII letters change case, within the length
+  ToUpperCase(text, 3), ToLowerCase(text, 1);
+  EXPECT_STREQ(text, "aZ\x80z\xe4-1");
+  EXPECT_STREQ(strlow(text), "az\x80z\xe4-1");
+  EXPECT_STREQ(strupper(text), "AZ\x80Z\xe4-1");
   char path[] = "a/b/c  ", fds[32], fewer[32];
   EatTrailingStr(path);
   EXPECT_STREQ(str_replace_char(path, '/', '.'), "a.b.c");

@@ -329,7 +329,9 @@ TEST(AgentSession, Outcomes) {
     return 0;
   };
   static long long flow_until;
+  static int steps;
   const auto unrelated = [] {  // an internal message of no channel on every step of a wait
+    steps++;
     ccm_error_t err{};
     ccm_msg_t* m = now_ms() < flow_until ? ccm_msg_alloc(ccm, &err) : nullptr;
     if (m == nullptr) return;
@@ -361,6 +363,8 @@ TEST(AgentSession, Outcomes) {
       {"unrelated messages, no reply", mute, 1, 1, false, true, {}, false, true},
       {"usable address first", good_agent, 1, 1, false, true, {"127.0.0.1", "127.0.0.2"}},
       {"loopback addresses", good_agent, 1, 1, false, true, {"::1", "127.0.0.1"}},
+      // A deadline in the past looks at what was queued when the wait began, and no more.
+      {"past deadline, unrelated messages", silent, 1, 1, true, false, {}, false, true, false, 0},
       {"stale notice of a refusal", good_agent, 2, 1, false, true, {}, false, false, true, 5},
       {"stale notice of a rejection", flood, 2, 2, false, true, {}, false, false, false, 5},
   };
@@ -380,7 +384,7 @@ TEST(AgentSession, Outcomes) {
       };
     }
     answers = c.answers;
-    flow_until = c.flow ? now_ms() + 5000 : 0;
+    flow_until = c.flow ? now_ms() + 5000 : 0, steps = 0;
     const auto fds_before = qxtest::open_descriptors();
     qxtest::reset_peak_memory();
     const long before_kb = qxtest::peak_memory_kb();
@@ -411,6 +415,7 @@ TEST(AgentSession, Outcomes) {
                          agent ? agent->connections() : 0),
               std::tuple(c.abnormal ? 1 : 0, c.delivered, c.delivered ? 1u : 0u, c.attempts));
     EXPECT_EQ(marks, c.timeout == 5 && !c.late ? 1u : 0u);  // the flood met a closed connection
+    EXPECT_TRUE(c.timeout != 0 || steps == 1) << steps;
     const int pauses = std::max(c.attempts - 1, 0);
     EXPECT_TRUE(elapsed_ms >= pauses * kPauseMs && elapsed_ms < pauses * kPauseMs + 3000)
         << elapsed_ms;

@@ -110,6 +110,7 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"a=#" + Scrambled("a b"), "a=#'a b'"},      // inside a word # starts no comment
       {"x )) " + Scrambled("a b"), "x )) 'a b'"},  // unbalanced: closes nothing
       {"cat <<E \\\n" + Scrambled("a b") + "\nE", "cat <<E \\\n'a b'\nE"},  // a joined line
+      {"x\\\n " + Scrambled("a b"), "x\\\n 'a b'"},  // a blank after the joined line
       {"$" + Scrambled("a b"), nullptr},
       {"$'x' " + Scrambled("a$b"), nullptr},
       {"cat <<-E\nx\n" + Scrambled("\ty"), nullptr},
