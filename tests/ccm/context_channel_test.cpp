@@ -222,6 +222,7 @@ TEST_F(ChannelTest, DestroyDeletedKeepsSurvivorsInOrderAndSendsNotices) {
     ccm_channel_delete(ccm_, chs[i]);
   int n = -1;
   static std::string logged;  // a silent channel's close is not logged
+  logged.clear();             // a repeated run starts empty
   __log_set_logger(
       [](int nr, const char* insert) { return logged += std::to_string(nr) + insert, 0; });
   EXPECT_EQ(ccm_destroy_deleted_channels(ccm_, &n), 0);
