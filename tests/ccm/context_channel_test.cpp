@@ -293,6 +293,7 @@ TEST_F(ConnectTest, MultiAddressConnectMovesOnToTheNextAddress) {
                {{"127.0.0.2", "127.0.0.4"}, "127.0.0.4"},
                {{"127.0.0.2", "fe80::1", "127.0.0.1"}, "fe80::1"}};  // EINVAL (no scope): no retry
   const bool ipv6 = close(socket(AF_INET6, SOCK_STREAM, 0)) == 0;    // without it: no fe80 row
+  EXPECT_EQ((ccm_->flag & CCM_FLAG_IPV6) != 0, ipv6);
   for (const auto& c : cases) {
     if (!ipv6 && std::strchr(c.last, ':') != nullptr) continue;
     const bool connected = std::strcmp(c.last, "127.0.0.1") == 0;

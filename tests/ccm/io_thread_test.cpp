@@ -175,14 +175,15 @@ TEST_F(IoTest, CycleDispatchesAndServesTheLiveChannelBehindOthers) {
   kept->flag = CCM_MSGFLAG_KEEP;
   ccm_msg_t* to_cp = send(0, "*CP(host)", f);
   to_cp->type = CCM_MSG_NAT;
+  ccm_msg_t* plain = send(0, "*SERVER", f);  // not NAT: unmarked
   send(live->ID, "", f.substr(0, 60));
   send(live->ID, "", f.substr(60));
   put(ccm_->network_wakeup[1], std::string(5000, 'N'));  // more than one read of the drain
   const int free_before = ccm_->nof_freemsg;
   EXPECT_EQ(ccm_network_select(ccm_, 5, &err_), 0);
   EXPECT_EQ(ccm_->nof_freemsg, free_before + 3);  // the one to 999 and the two written
-  EXPECT_EQ(members(server->sendq), std::vector<ccm_msg_t*>{to_cp});
-  EXPECT_TRUE(to_cp->flag & CCM_MSGFLAG_CHANNEL_02);
+  EXPECT_EQ(members(server->sendq), (std::vector<ccm_msg_t*>{to_cp, plain}));
+  EXPECT_TRUE((to_cp->flag & CCM_MSGFLAG_CHANNEL_02) && !(plain->flag & CCM_MSGFLAG_CHANNEL_02));
   EXPECT_EQ(beyond->msgnr, CCM_MSGNR_SYSCALL);
   beyond->s = -1;
   EXPECT_EQ(drain_recvq(), std::vector<std::string>{f.substr(48)});
@@ -190,6 +191,7 @@ TEST_F(IoTest, CycleDispatchesAndServesTheLiveChannelBehindOthers) {
   const ssize_t n = recv(peer, back, sizeof back, MSG_DONTWAIT);
   EXPECT_EQ(std::string(back, std::max<ssize_t>(n, 0)), f);
   EXPECT_EQ(read(ccm_->network_wakeup[0], back, 1), -1);  // every wake-up byte taken
+  ccm_drain_wakeup(ccm_->network_wakeup[0]);              // and an empty pipe's drain returns
   close(peer);
   ccm_msg_free(ccm_, kept);
 }

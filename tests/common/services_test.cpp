@@ -187,6 +187,7 @@ TEST(CodeTab, SetCodeTabAndAreaConv) {
       description[kCodeTabSize + i] = a;
     unsigned char table[kCodeTabSize + 1];
     table[kCodeTabSize] = '#';  // a guard behind the table
+    SetCodeTab(table, nullptr), SetCodeTab(nullptr, description.data());  // nothing to do
     SetCodeTab(table, description.data());
     EXPECT_EQ(table[kCodeTabSize], '#');
     for (auto [i, v] : expected)
@@ -402,7 +403,10 @@ TEST(KeyedFields, GetRestFieldAndGetAttribute) {
               std::make_pair(found, Bytes(out.data())))
         << search << " in " << area;
   }
-  char out[8] = "x";  // without an area or a key: nothing found, an empty result
+  char out[8] = "x";  // without an area, a key or a result area: nothing found, nothing written
+  EXPECT_EQ(
+      GetAttribute("HOST=a", 6, "HOST", out, 0) + GetAttribute("HOST=a", 6, "HOST", nullptr, 8), 0);
+  EXPECT_EQ(out[0], 'x');
   EXPECT_EQ(0,
             GetAttribute(nullptr, 0, "HOST", out, 8) + GetAttribute("HOST=a", 6, nullptr, out, 8));
   EXPECT_STREQ("", out);

@@ -163,6 +163,12 @@ TEST(TextHelpers, HexStringAndEnvironment) {
   got += std::string(",") + out + "," + small;
   ExpandEnvironmentStringsA(("%" + std::string(200, 'N') + "%").c_str(), out, sizeof out);
   EXPECT_EQ(got + "," + out, "/home/job/log,ab|x/home/job,/hom,");
+  // No room, no area: nothing written; room for the terminator only: an empty text.
+  EXPECT_EQ((std::tuple{ExpandEnvironmentStringsA("ab", small, 0) +
+                            ExpandEnvironmentStringsA("ab", nullptr, 9) +
+                            ExpandEnvironmentStringsA("ab", small, 1),
+                        small[0]}),
+            std::tuple(0, '\0'));
 }
 
 struct TimeZone {

@@ -69,6 +69,7 @@ TEST(CmdExec, PasswordsAreReplacedInPlace) {
       {"exit 7", "", 1},
       {"", "", 0},
       {"kill -9 $$", "", 1},
+      {"kill -INT $$; printf alive", "", 1},
       {"kill -USR1 $PPID; sleep 0.2; printf done", "done", 0}};  // the wait goes on after SIGUSR1
   for (const auto& [command, output, status] : cases) {
     SCOPED_TRACE(command);
@@ -111,7 +112,9 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"x )) " + Scrambled("a b"), "x )) 'a b'"},  // unbalanced: closes nothing
       {"cat <<E \\\n" + Scrambled("a b") + "\nE", "cat <<E \\\n'a b'\nE"},  // a joined line
       {"x\\\n " + Scrambled("a b"), "x\\\n 'a b'"},  // a blank after the joined line
+      {"\"$(echo {) " + Scrambled("a$b") + "\"", "\"$(echo {) \"'a$b'\"\""},
       {"$" + Scrambled("a b"), nullptr},
+      {"cat <<E\n$(x <<F)\n" + Scrambled("a$b"), nullptr},  // a here-document inside a body
       {"$'x' " + Scrambled("a$b"), nullptr},
       {"cat <<-E\nx\n" + Scrambled("\ty"), nullptr},
       {"\\" + Scrambled("\ny"), nullptr},
