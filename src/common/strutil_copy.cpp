@@ -16,24 +16,11 @@ char* _StringCopy(char* RcvArea, int RcvSize, const char* SndArea, const char* /
   if (RcvSize < 0) return RcvArea;  // no area to write into
   RcvArea[0] = '\0';
   if (SndArea == nullptr || SndArea[0] == '\0' || RcvSize == 0) return RcvArea;
-  const size_t len = strlen(SndArea);
-  const size_t room = static_cast<size_t>(RcvSize) - 1;
-  if (len > room) {
-    // Cut: clear the whole area, then move what fits. When the source lies inside the area
-    // it is moved first and only the terminator is set, so it is not cleared before it is read.
-    const auto rcv = reinterpret_cast<uintptr_t>(RcvArea);
-    const auto snd = reinterpret_cast<uintptr_t>(SndArea);
-    const bool overlap = snd < rcv + static_cast<uintptr_t>(RcvSize) && rcv < snd + room;
-    if (!overlap) {
-      memset(RcvArea, 0, static_cast<size_t>(RcvSize));
-      memcpy(RcvArea, SndArea, room);
-    } else {
-      memmove(RcvArea, SndArea, room);
-      RcvArea[room] = '\0';
-    }
-  } else {
-    memmove(RcvArea, SndArea, len + 1);
-  }
+  // A longer text is cut so that the terminator fits. The source may lie inside the area: it
+  // is moved before the terminator is set.
+  const size_t n = std::min(strlen(SndArea), static_cast<size_t>(RcvSize) - 1);
+  memmove(RcvArea, SndArea, n);
+  RcvArea[n] = '\0';
   return RcvArea;
 }
 

@@ -31,7 +31,7 @@ TEST(GetWordDelimited, ModesAndLimits) {
       {"abcdef", ',', 1, 4, "abc", 4},    {"abc,x", ',', 1, 4, "abc", 3},
       {"abcd,x", ',', 1, 4, "abc", 4},    {"abcd", ',', 1, 1, "", 1},
       {"k=abcdef", '=', -2, 4, "abc", 3}, {"k=abc", '=', -2, 4, "abc", 3},
-      {"k=ab", '=', -2, 8, "ab", 2}};
+      {"k=ab", '=', -2, 8, "ab", 2},      {"ab\0zz", '\0', 2, 64, "", 0}};
   for (const auto& [src, delim, n, dst_len, want, ret] : cases) {
     char dst[64];
     memset(dst, 'X', sizeof dst);
@@ -94,11 +94,13 @@ TEST(Blanks, StripAndFixedFields) {
   got += std::string("|") + GetStringTh("abcdefgh", 8, value, sizeof value);
   EXPECT_EQ(got + "|" + GetStringTh("abcdefgh", 8, value, 1) + *GetStringTh("x", 1, &none, 0),
             "ab|abcde|n");  // room for the terminator only, then for nothing
-  char h[4] = {'w', 'x', 'y', 'z'};
+  char h[4] = {'w', 'x', 'y', 'z'}, blanks[] = "    ";
   fix_len_reorg2(h, 4), fix_len_reorg2(h, 0);  // no blank to drop: terminated inside; 0: as is
-  char word[] = "  ab c\0z";  // the first word, padded; no field or a negative length: nothing
-  fix_len_reorg(word, 6), fix_len_reorg(word + 6, -1), fix_len_reorg2(word + 6, -1);
-  EXPECT_EQ(std::string(h) + "|" + std::string(word, 8), "wxy|ab    \0z"s);
+  fix_len_reorg2(blanks, 3);                   // only blanks in the field: an empty text
+  char word[] = "  ab c\0z";                   // the field's first word, padded; no field: nothing
+  fix_len_reorg(word, 3), fix_len_reorg(word + 6, -1), fix_len_reorg2(word + 6, -1);
+  EXPECT_EQ(std::string(h) + "|" + std::string(word, 8) + "|" + std::string(blanks, 4),
+            "wxy|a  b c\0z|\0   "s);
   char text[] = "aZ\x80z\xe4-1";  // only ASCII letters change case, within the length
   ToUpperCase(text, 3), ToLowerCase(text, 1);
   EXPECT_STREQ(text, "aZ\x80z\xe4-1");

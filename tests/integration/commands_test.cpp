@@ -86,6 +86,8 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"x\\", "x\\"},
       {"cat <<", "cat <<"},
       {"cat <<-E", "cat <<-E"},
+      {"cat <<-", "cat <<-"},
+      {"cat << ", "cat << "},
       {"cat << \\E", "cat << \\E"},
       {"cat <<\"E\\$\"", "cat <<\"E\\$\""},
       {"x\n", "x\n"},
@@ -102,11 +104,14 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"cat <<E\nx\\" + Scrambled("a$b"), "cat <<E\nx\\\\a\\$b"},
       {"cat <<E\nE\n" + Scrambled("a b") + " <<E\nx\nE", "cat <<E\nE\n'a b' <<E\nx\nE"},
       {"${x:-y}`y " + Scrambled("ab") + "` " + Scrambled("a b"), "${x:-y}`y ab` 'a b'"},
-      {"${x:-'y'} " + Scrambled("a b"), "${x:-'y'} 'a b'"},
+      {"cat <<E\nE\n${x:-'y'} " + Scrambled("a b"), "cat <<E\nE\n${x:-'y'} 'a b'"},
+      {"\"$(case=1 " + Scrambled("a$b") + ")\"", "\"$(case=1 'a$b')\""},  // not the word case
       {"\"${x:-y} " + Scrambled("a$b") + "\"", "\"${x:-y} \"'a$b'\"\""},
       {"$((1+" + Scrambled("12") + "))", "$((1+12))"},
       {"\"$(f (xy) " + Scrambled("a$b") + ")\"", "\"$(f (xy) 'a$b')\""},
       {"cat <<'E'\n" + Scrambled("a$b"), "cat <<'E'\na$b"},
+      {"cat <<E=\n\tE=\nE\n" + Scrambled("a$b"), "cat <<E=\n\tE=\nE\na\\$b"},  // no line ends it
+      {"cat <<\"E\\x\"\nEx\n" + Scrambled("a$b"), "cat <<\"E\\x\"\nEx\na$b"},
       {"# " + Scrambled("a b"), "# a b"},
       {"a=#" + Scrambled("a b"), "a=#'a b'"},      // inside a word # starts no comment
       {"x )) " + Scrambled("a b"), "x )) 'a b'"},  // unbalanced: closes nothing
@@ -119,6 +124,9 @@ TEST(ExpandCmd, ExactTextAndEveryAreaTooSmall) {
       {"cat <<-E\nx\n" + Scrambled("\ty"), nullptr},
       {"\\" + Scrambled("\ny"), nullptr},
       {"cat <<" + Scrambled("ab"), nullptr},
+      {"cat <<\\" + Scrambled("ab"), nullptr},
+      {"${x:-){}" + Scrambled("a b") + "}", nullptr},  // the ) closes nothing: still inside
+      {"cat <<-E\n\t" + Scrambled("\ty"), nullptr},
       {"cat <<E\n" + Scrambled("E"), nullptr},  // a last line that is the delimiter
       {"cat << " + Scrambled("ab"), nullptr},
   };

@@ -191,36 +191,28 @@ inline RunResult run_messenger(int port, std::vector<std::string> args, int limi
   return run_program(bin_path("qx_jpmd"), args, limit_secs);
 }
 
-// qx_agentsim on a free loopback port; its output goes to a file, or to `out_pipe` (1st line read).
+// qx_agentsim on a free loopback port; its output goes to a file.
 class Simulator {
  public:
-  explicit Simulator(std::vector<std::string> args = {}, const int* out_pipe = nullptr)
-      : out_(out_pipe != nullptr ? -1 : qxtest::temp_file()) {
+  explicit Simulator(std::vector<std::string> args = {}) : out_(qxtest::temp_file()) {
     args.insert(args.begin(), {bin_path("qx_agentsim"), "--port", "0"});
-    pid_ = qxtest::spawn(args, {-1, out_pipe != nullptr ? out_pipe[1] : out_, -1});
-    std::string first;
-    if (out_pipe != nullptr) {
-      char c;
-      while (read(out_pipe[0], &c, 1) == 1 && c != '\n')
-        first += c;
-    } else if (wait_lines(1, 10000)) {
-      first = lines()[0];
-    }
+    pid_ = qxtest::spawn(args, {-1, out_, -1});
+    const std::string first = wait_lines(1, 10000) ? lines()[0] : "";
     if (first.rfind("listening on ", 0) == 0) port_ = atoi(first.c_str() + first.rfind(' ') + 1);
     if (port_ <= 0) ADD_FAILURE() << "qx_agentsim did not name its port";
   }
   ~Simulator() {
     if (stop() < 0 && pid_ > 0) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
-    if (out_ >= 0) close(out_);
+    close(out_);
   }
   Simulator(const Simulator&) = delete;
   int port() const { return port_; }
   pid_t pid() const { return pid_; }
-  // Its exit status once it ended (after a SIGTERM with `term`) within `timeout_ms`, or -1.
-  int stop(bool term = true, int timeout_ms = 10000) {
-    if (pid_ > 0 && term) kill(pid_, SIGTERM);
+  // Its exit status once it ended after a SIGTERM, within 10 seconds, or -1.
+  int stop() {
+    if (pid_ > 0) kill(pid_, SIGTERM);
     int st = 0;
-    if (pid_ > 0 && qxtest::reap(pid_, now_ms() + timeout_ms, &st)) {
+    if (pid_ > 0 && qxtest::reap(pid_, now_ms() + 10000, &st)) {
       pid_ = 0;
       status_ = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     }
