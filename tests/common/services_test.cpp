@@ -367,6 +367,7 @@ TEST(GetMemTrace, GroupsOfFourWithinTheArea) {
     std::vector<char> out(size, 'x');
     EXPECT_STREQ(expected, GetMemTrace(bytes.data(), 10, out.data(), size)) << size;
   }
+  EXPECT_EQ(GetMemTrace(bytes.data(), 10, nullptr, 8), nullptr);
 }
 
 TEST(KeyedFields, GetRestFieldAndGetAttribute) {

@@ -88,8 +88,8 @@ TEST(Blanks, StripAndFixedFields) {
               std::string(stripped) + "|" + left + "|" + right);
   }
   char field[8] = {'x', ' ', ' ', ' ', 'y', 'y', 'y', 'y'}, value[6], none = 'n';
-  EatTrailing(field, 4);
-  EXPECT_EQ(std::string(field, 8), "x\0\0\0yyyy"s);
+  EatTrailing(field + 2, 2), EatTrailing(nullptr, 3);  // all blank: only the field's own go
+  EXPECT_EQ(std::string(field, 8), "x \0\0yyyy"s);
   std::string got = GetStringTh("ab   xyz", 8, value, sizeof value);
   got += std::string("|") + GetStringTh("abcdefgh", 8, value, sizeof value);
   EXPECT_EQ(got + "|" + GetStringTh("abcdefgh", 8, value, 1) + *GetStringTh("x", 1, &none, 0),
@@ -152,8 +152,9 @@ TEST(TextHelpers, HexStringAndEnvironment) {
   char b26[8], field[4];  // seven letters for any 32-bit number; a non-letter ends a decode
   EXPECT_EQ((std::tuple{std::string(Zudnst_LongToB26(27, b26)), Zudnst_B26ToLong(b26),
                         Zudnst_B26ToLong(Zudnst_LongToB26(4294967295u, b26)),
-                        Zudnst_B26ToLong("BB?B"), get_variable_msg_field(field, "abcdef", 2, 3)}),
-            std::tuple("AAAAABB", 27u, 4294967295u, 702u, 0));
+                        Zudnst_B26ToLong("BB?B"), Zudnst_B26ToLong("AAAAAAAB"),
+                        Zudnst_B26ToLong("B"), get_variable_msg_field(field, "abcdef", 2, 3)}),
+            std::tuple("AAAAABB", 27u, 4294967295u, 702u, 0u, 1u, 0));  // 7 letters at most
   const std::string cut = field;
   EXPECT_EQ(cut + (get_variable_msg_field(field, "a", 0, -1), field), "cde");
   setenv("QX_T_HOME", "/home/job", 1);
