@@ -366,6 +366,7 @@ TEST_F(ListenTest, FailuresLeaveNoSocketOpen) {
   merge_newq();
   ccm_channel_t* listener = ccm_channel_getbyName(ccm_, "*LISTEN");
   ccm_channel_unlock(ccm_);
+  EXPECT_EQ(ccm_signal_on_listen(ccm_, listener, &err_), -1);  // nothing waiting
   for (const char* tag : {"CREATE_CHANNEL", "CCMMSG"}) {  // an accept without a channel or notice
     const int client = agent_test::loopback_socket(&port, false);
     char byte;

@@ -116,7 +116,7 @@ TEST_F(WireTest, HostileAndInternalFramesAreRefusedUnlessTrusted) {
                {frame("\xFE" + u16(100) + "short")},  // payload runs past the frame
                {frame("\xFF" + u32(0xFFFFFFFF) + "x")},
                {frame("\xFF" + u32(3))},
-               {frame("A00x0003abc")},                       // decimal length with a non-digit
+               {frame("A000003xabc")},                       // decimal length with a non-digit
                {frame("D0000009abc")},                       // decimal payload runs past the frame
                {frame("A000")},                              // decimal length cut
                {frame("\xFD" + u16(40) + entry1(1, "ME"))},  // source block runs past the frame
@@ -138,15 +138,18 @@ TEST_F(WireTest, OverlongFieldsAreCutAndBadSourceBlocksEndTheirWalk) {
   ch_.flag = CCM_CHFLAG_CONNECTING;
   ccm_msg_t* m = classified(
       frame(entry1(1, Bytes(200, 'N')) + entry1(3, Bytes(255, 'A')) + "\xFE" + u16(1) + "p"));
-  EXPECT_EQ((std::tuple{Bytes(m->addr.dst_name), Bytes(m->addr.dst_addr), ch_.flag}),
-            std::tuple(Bytes(63, 'N'), Bytes(63, 'A'), 0));  // the first frame ends connecting
+  EXPECT_EQ(
+      (std::tuple{Bytes(m->addr.dst_name), Bytes(m->addr.dst_addr), ch_.flag,
+                  m->msg_start != m->buffer1}),              // a NAT payload stays where it is
+      std::tuple(Bytes(63, 'N'), Bytes(63, 'A'), 0, true));  // the first frame ends connecting
   const std::tuple<Bytes, const char*, Bytes> cases[] = {
-      {entry1(1, "ME") + entry1(9, "zz") + entry1(3, "ADDR"), "ME", ""},  // unknown sub-key
+      {entry1(1, "ME") + entry1(9, "zzzz") + entry1(3, "ADDR"), "ME", ""},  // unknown sub-key
       {entry1(1, "ME") + "\003\020AB", "ME", ""},       // sub-entry running past the block
       {"\002\002ab" + entry1(1, "ME"), "", ""},         // value of the wrong size
       {entry1(3, "AD") + entry1(1, "ME"), "ME", "AD"},  // the last entry fits exactly
       {entry1(3, Bytes(251, 'a')) + entry1(1, "ME"), "", Bytes(63, 'a')},  // first 256 bytes only
-      {entry1(3, "ADDR") + "\x01", "", "ADDR"}};                           // odd trailing byte
+      {entry1(3, "ADDR") + "\x01", "", "ADDR"},                            // odd trailing byte
+      {entry1(1, "ME") + entry1(1, ""), "", ""}};                          // an empty last entry
   for (const auto& [block, src_name, src_addr] : cases) {
     ccm_msg_t* s = classified(frame("\xFD" + u16(block.size()) + block + "\xFE" + u16(2) + "ok"));
     EXPECT_EQ((std::tuple{Bytes(s->addr.src_name), Bytes(s->addr.src_addr), text(s)}),
