@@ -61,7 +61,11 @@ class IoTest : public CcmTest {
 // Frames split anywhere arrive whole; a bad length deletes the channel before buffers grow.
 TEST_F(IoTest, FramesSplitAnywhereArriveWholeAndABadLengthDeletes) {
   const std::string a = ipc_frame(100, 1), b = ipc_frame(48, 2), c = ipc_frame(300, 3);
-  EXPECT_EQ((put(peer_, a + b + c.substr(0, 150)), ccm_read_channel(ccm_, ch_, &err_)), 0);
+  put(peer_, a + b + c.substr(0, 150));  // no buffer to read into yet: all stays for later
+  EXPECT_EQ((FailAllocations("RECVBUFF"),
+             std::tuple{ccm_read_channel(ccm_, ch_, &err_), ch_->flag & CCM_CHFLAG_DELETED}),
+            std::tuple(-1, 0));
+  EXPECT_EQ(ccm_read_channel(ccm_, ch_, &err_), 0);
   EXPECT_EQ(drain_recvq(), (std::vector<std::string>{a.substr(48), b.substr(48)}));
   EXPECT_EQ((put(peer_, c.substr(150)), ccm_read_channel(ccm_, ch_, &err_)), 0);
   EXPECT_EQ(drain_recvq(), std::vector<std::string>{c.substr(48)});
