@@ -113,6 +113,8 @@ TEST_F(IoTest, PassedDescriptorGoesToTheFirstFrameOfTheReadOnly) {
                         read(pipefd[0], &byte, 1), read(pipefd[0], &byte, 1), close(pipefd[0])}),
             std::tuple(-1, 1, 0, 1, 0, 0));
   ASSERT_EQ(pipe2(pipefd, O_NONBLOCK), 0);  // with bytes that complete no frame: closed at once
+  const int on = 1;  // and behind the sender's credentials, which are no descriptors
+  setsockopt(ch_->s, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
   std::memcpy(CMSG_DATA(c), &pipefd[1], sizeof(int));
   iov.iov_len = 10;
   ASSERT_EQ(sendmsg(peer_, &mh, 0), 10);
