@@ -294,6 +294,10 @@ TEST(AgentMessenger, RepeatedRunsAtTheEdges) {
 // the next address is tried when one is refused, and no close notice answers a later attempt.
 TEST(AgentSession, Outcomes) {
   constexpr int kPauseMs = 300;
+  const auto processors = [] {
+    cpu_set_t s;
+    return sched_getaffinity(0, sizeof s, &s), CPU_COUNT(&s);
+  };
   const auto closes = [](FakeAgent&, int& fd, int) { close(std::exchange(fd, -1)); };
   const auto rejected = [](FakeAgent&, int& fd, int) {
     write_all(fd, native_frame("wrong", 7));
@@ -386,6 +390,7 @@ TEST(AgentSession, Outcomes) {
     answers = c.answers;
     flow_until = c.flow ? now_ms() + 5000 : 0, steps = 0;
     const auto fds_before = qxtest::open_descriptors();
+    const int cpus_before = processors();  // the run keeps to one, then gives the set back
     qxtest::reset_peak_memory();
     const long before_kb = qxtest::peak_memory_kb();
     PCX pcx;
@@ -404,7 +409,7 @@ TEST(AgentSession, Outcomes) {
     starter.join();
     ccm_alloc = ccm_alloc_default;
     EXPECT_TRUE(qxtest::kSanitizerBuild || qxtest::peak_memory_kb() - before_kb < 16 * 1024);
-    EXPECT_EQ(ccm, nullptr);
+    EXPECT_EQ(std::tuple(ccm, processors()), std::tuple(nullptr, cpus_before));
     // No descriptor of the run stays open (the agent's may take a moment, as may its accepting
     // a connection that the run already closed; a late one is new).
     const auto settling = [&] {
