@@ -104,6 +104,7 @@ TEST(Address, ChoiceAndTheOrderAllAreTriedIn) {
   Resolver mine({"2001:db8::5", "192.0.2.5"});  // whatever this host's name is
   EXPECT_EQ(ccm_getmyIP(0, out, nullptr) == 0 ? std::string(out) : "", "192.0.2.5");
   static std::string logged;  // every address of a name, in the resolver's order
+  logged.clear();
   __log_set_logger([](int nr, const char* insert) {
     return logged += std::to_string(nr) + ":" + insert + " ", 0;
   });
