@@ -1,6 +1,5 @@
 // String utilities: bounded copies, word splitting and fixed-length fields.
 #include <ctype.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
